@@ -1,0 +1,136 @@
+// CComPort: the one transport endpoint of a driver object. It holds either a serial line
+// or a socket, moves bytes through the stream layer, speaks the service protocol on top of
+// it, reads the download files and writes the trace.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "platform/Platform.h"
+#include "protocol/Codec.h"
+
+namespace tamrik {
+
+// An IPv4 endpoint as the socket layer takes it.
+struct Ipv4Address {
+  uint32_t address = 0;  // network byte order
+  uint16_t port = 0;     // host byte order
+};
+
+class CComPort {
+ public:
+  CComPort();
+  virtual ~CComPort();
+  CComPort(const CComPort&) = delete;
+  CComPort& operator=(const CComPort&) = delete;
+
+  // --- link ------------------------------------------------------------------------------
+  // Port numbers up to 255 open the serial line; above 255 a UDP link on that port number.
+  uint32_t Open(int32_t nPort, int32_t nBaud, uint8_t nRtsControl);
+  // TCP or UDP by argument string ("502", "502,UDP", "502,TCP") and dotted address.
+  uint32_t OpenEthernet(const char* psAdditionalArg, const char* psRemoteIPAddress);
+  void ChangeTimings(bool bFirmware);
+  uint32_t Close();
+
+  // --- raw serial transfers (only the stream layer calls them) ----------------------------
+  uint32_t ReadCom(uint8_t* buffer, int32_t length);
+  uint32_t WriteCom(const uint8_t* buffer, int32_t length);
+
+  // --- stream layer ----------------------------------------------------------------------
+  uint32_t ReadStream(uint8_t* buffer, int32_t length);
+  uint32_t WriteStream(const uint8_t* buffer, int32_t length);
+  uint32_t ReadSocket(uint8_t* buffer, int32_t length);
+  uint32_t ReadSocketNoWait(uint8_t* buffer, int32_t length);
+  uint32_t WriteSocket(const uint8_t* buffer, int32_t length);
+
+  // --- service protocol ------------------------------------------------------------------
+  // Builds the request for serviceCode from data (32-bit values or bytes, by the code) and
+  // *count, and writes it. 0, 0x10031 when it could not be written, 0x10060 when the
+  // request cannot be built (count out of range, unassigned code).
+  uint32_t GenerateService(uint32_t serviceCode, const void* data, const int32_t* count);
+  // Reads, checks and decodes one answer into values (room for `capacity` values).
+  uint32_t AnswerReception(uint32_t serviceCode, int32_t* values, int32_t* count,
+                           size_t capacity = protocol::kUnbounded);
+  // The challenge of the privileged mode: answer 0x410F delivered unconverted.
+  uint32_t ReceiveClock(uint32_t serviceCode, int32_t* values, int32_t* count,
+                        size_t capacity = protocol::kUnbounded);
+
+  // --- trace -----------------------------------------------------------------------------
+  void Trace(const char* text);
+  void TraceFormat(const char* format, ...)
+#if defined(__GNUC__)
+      __attribute__((format(printf, 2, 3)))
+#endif
+      ;
+  bool Tracing() const { return nLogfile == 1; }
+
+  // --- download file readers -------------------------------------------------------------
+  uint32_t InitDownloadLines(const char* path, int32_t* records);
+  uint32_t DownloadLine();
+  uint32_t ReadLoaderAnswer();
+  uint32_t ReadLoaderIdent();
+  uint32_t DownloadBslFile(const char* path);
+  uint32_t DownloadSetCtxFile(const char* path);
+  uint32_t DownloadBootFile(const char* path);
+  uint32_t InitDownloadImage(const char* path, int32_t* length);
+  uint32_t PopDownloadImageBlock(int32_t* size, uint8_t* buffer, int32_t* blockNumber);
+
+  // --- privileged stream -----------------------------------------------------------------
+  // Lays out description (at most 128 characters), 0x00 and the response to challenge, one
+  // byte per value, into stream (room for 256 values); returns the length.
+  static int32_t BuildPrivilegedStream(uint32_t challenge, const char* description,
+                                       const uint8_t bits[32], int32_t* stream);
+
+  // The configuration file, in which the platform may look up the device of a port number.
+  void SetConfigFile(const std::string& file) { configFile_ = file; }
+
+  // --- fields ----------------------------------------------------------------------------
+  uint32_t nReadInterval = 200;
+  uint32_t nReadTotalMultiplier = 0;
+  uint32_t nReadTotalConstant = 500;
+  uint32_t nReadTotalConstantFW = 3000;
+  uint32_t nActiveReadTotalConstant = 500;
+
+  FILE* pfLoadStream = nullptr;
+  uint32_t nLoadPosition = 0;
+  uint32_t nLoadCount = 0;
+  uint32_t nLoadIndex = 0;
+
+  int32_t nLogfile = 0;
+  uint8_t bPolling = 0;
+  uint8_t bWriteActive = 0;
+  uint8_t bComOpen = 0;
+  uint8_t bSocketMode = 0;
+  uint8_t bSerialMode = 0;
+
+  platform::SerialDevice* hCom = nullptr;
+  platform::SocketHandle hSocket = platform::kInvalidSocket;
+  Ipv4Address addrLocal;
+  Ipv4Address addrRemote;
+
+  static constexpr uint32_t kRecvBufferSize = 1000;
+  uint8_t abyRecvBuffer[kRecvBufferSize] = {};
+  uint8_t bRecvArmed = 0;
+  uint32_t nRecvOffset = 0;  // read position in abyRecvBuffer
+  uint32_t nRecvFill = 0;    // bytes received into abyRecvBuffer
+
+ private:
+  uint32_t OpenSerial(int32_t nPort, int32_t nBaud, uint8_t nRtsControl);
+  uint32_t OpenUdpByPort(int32_t nPort);
+  void WriteSerialTimeouts(uint32_t totalConstant);
+  void ArmReceive();
+  uint32_t ReadSocketUntil(uint8_t* buffer, int32_t length, bool poll);
+  uint32_t ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool trace);
+  void DumpTransfer(const char* prefix, const uint8_t* buffer, int32_t length);
+
+  std::string configFile_;
+  bool socketDatagram_ = false;
+  bool socketBlocking_ = false;  // the UDP link by port number
+
+  // Frame buffers live as long as the port object, so an exchange allocates nothing.
+  uint8_t txFrame_[protocol::kMaxFrame] = {};
+  uint8_t rxFrame_[protocol::kMaxFrame] = {};
+};
+
+}  // namespace tamrik

@@ -1,0 +1,7 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs the whole test suite.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+scripts/build.sh "$@"
+ctest --test-dir "${BUILD_DIR:-build}" --output-on-failure -j "$(nproc)"
