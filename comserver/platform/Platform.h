@@ -111,6 +111,9 @@ int32_t SocketRecv(SocketHandle s, uint8_t* buffer, uint32_t length);
 // 0 time-out, minus the error.
 int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs);
 
+// Waits until a connection in progress is made or has failed, at most timeoutMs.
+void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs);
+
 void SocketClose(SocketHandle s);
 
 }  // namespace tamrik::platform
