@@ -119,14 +119,14 @@ class CComPort {
   uint32_t OpenSerial(int32_t nPort, int32_t nBaud, uint8_t nRtsControl);
   uint32_t OpenUdpByPort(int32_t nPort);
   void WriteSerialTimeouts(uint32_t totalConstant);
-  void ArmReceive();
-  uint32_t ReadSocketUntil(uint8_t* buffer, int32_t length, bool poll);
+  void ResetReceive();
+  uint32_t ReadSocketUntil(uint8_t* buffer, int32_t length, bool returnWhenEmpty);
   uint32_t ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool trace);
   void DumpTransfer(const char* prefix, const uint8_t* buffer, int32_t length);
 
   std::string configFile_;
   bool socketDatagram_ = false;
-  bool socketBlocking_ = false;  // the UDP link by port number
+  bool socketBounded_ = false;  // UDP link by port number: reads bounded by the serial time-out
 
   // Frame buffers live as long as the port object, so an exchange allocates nothing.
   uint8_t txFrame_[protocol::kMaxFrame] = {};

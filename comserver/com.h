@@ -80,12 +80,16 @@ class Ccom {
 #endif
       ;
 
-  // One exchange: request with serviceCode, then its answer into values. Returns 0, or
-  // sets *error and returns the method's return value (requestFailureReturn when the
-  // request failed, 0x10050 when the answer failed).
+  // What a method returns when its request could not be written: 0 for most methods, the
+  // request's own code for the busy-guarded ones and a few others.
+  enum class RequestFailure { ReturnZero, ReturnCode };
+
+  // One exchange: the request with serviceCode, then its answer into values (room for
+  // `capacity` values). On failure *error holds the code, *methodReturn what the method
+  // returns (0 or the request's code by onRequestFailure; 0x10050 when the answer failed).
   bool Exchange(uint32_t serviceCode, const void* requestData, const int32_t* requestCount,
                 int32_t* values, int32_t* count, size_t capacity, int32_t* error,
-                uint32_t requestFailureReturn, uint32_t* methodReturn);
+                RequestFailure onRequestFailure, uint32_t* methodReturn);
 
   void WriteConfigInt(const char* key, int32_t value);
 };

@@ -1,0 +1,183 @@
+// The driver object: construction from the configuration file, the method frame, and the
+// two methods that belong to no group.
+#include "com.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "ResultCodes.h"
+#include "platform/Platform.h"
+
+namespace tamrik {
+
+namespace {
+
+constexpr const char* kInit = "Init";
+constexpr int32_t kMissing = 255;  // the default that stands for a missing key
+
+int32_t ReadInit(const char* key, const std::string& file) {
+  return int32_t(platform::ProfileGetInt(kInit, key, kMissing, file));
+}
+
+// "Bits" of section "Privileged": 32 decimal numbers separated by commas that form a
+// permutation of 0 to 31. Anything else leaves the identity table in place.
+void ReadPrivilegedBits(const std::string& file, uint8_t bits[32]) {
+  for (int i = 0; i < 32; ++i) bits[i] = uint8_t(i);
+  char text[400];
+  platform::ProfileGetString("Privileged", "Bits", "", text, sizeof text, file);
+  uint8_t parsed[32];
+  bool seen[32] = {};
+  const char* p = text;
+  for (int i = 0; i < 32; ++i) {
+    while (*p == ' ' || *p == '\t') ++p;
+    if (*p < '0' || *p > '9') return;
+    uint32_t value = 0;
+    while (*p >= '0' && *p <= '9' && value < 100) value = value * 10 + uint32_t(*p++ - '0');
+    while (*p == ' ' || *p == '\t') ++p;
+    if (value > 31 || seen[value]) return;
+    seen[value] = true;
+    parsed[i] = uint8_t(value);
+    if (i < 31) {
+      if (*p != ',') return;
+      ++p;
+    }
+  }
+  if (*p != '\0') return;
+  memcpy(bits, parsed, 32);
+}
+
+}  // namespace
+
+Ccom::Ccom() { Construct(platform::ModuleDirectory()); }
+
+Ccom::Ccom(const std::string& directory) {
+  std::string dir = directory;
+  if (!dir.empty() && dir.back() != '/' && dir.back() != '\\') dir += '/';
+  Construct(dir);
+}
+
+void Ccom::Construct(const std::string& directory) {
+  nDemoBit = 0;
+  nDemoCount = 0;
+  bBusy.store(0);
+  // Without a module directory the configuration path stays empty: every key then reads
+  // as missing and nothing is written anywhere.
+  if (!directory.empty()) {
+    szConfigFile = directory + kConfigFileName;
+    szBootFile = directory + kBootFileName;
+  }
+  nDemo = ReadInit("Version", szConfigFile);
+  nLog = ReadInit("Logfile", szConfigFile);
+
+  pComPort = new CComPort();
+  pComPort->nLogfile = nLog;
+  pComPort->SetConfigFile(szConfigFile);
+
+  nComPort = ReadInit("ComPort", szConfigFile);
+  nBaudrate = ReadInit("Baudrate", szConfigFile);
+  const int32_t interval = ReadInit("ReadInterval", szConfigFile);
+  const int32_t multiplier = ReadInit("ReadTotalMultiplier", szConfigFile);
+  const int32_t constant = ReadInit("ReadTotalConstant", szConfigFile);
+  const int32_t constantFW = ReadInit("ReadTotalConstantFW", szConfigFile);
+  pComPort->nReadInterval = uint32_t(interval);
+  pComPort->nReadTotalMultiplier = uint32_t(multiplier);
+  pComPort->nReadTotalConstant = uint32_t(constant);
+  pComPort->nReadTotalConstantFW = uint32_t(constantFW);
+  pComPort->nActiveReadTotalConstant = uint32_t(constant);
+
+  const int32_t read[] = {nDemo, nLog, nComPort, nBaudrate, interval, multiplier, constant, constantFW};
+  bool incomplete = false;
+  for (int32_t value : read) incomplete = incomplete || value == kMissing;
+  if (incomplete) {
+    static constexpr const char* kDefaults[][2] = {
+        {"Version", "0"},           {"ReadInterval", "200"}, {"ReadTotalMultiplier", "0"},
+        {"ReadTotalConstant", "500"}, {"ReadTotalConstantFW", "3000"}, {"Logfile", "0"},
+        {"ComPort", "1"},           {"Baudrate", "9600"}};
+    if (!szConfigFile.empty()) {
+      for (const auto& entry : kDefaults) platform::ProfileWriteString(kInit, entry[0], entry[1], szConfigFile);
+    }
+    pComPort->nReadInterval = 200;
+    pComPort->nReadTotalMultiplier = 0;
+    pComPort->nReadTotalConstant = 500;
+    pComPort->nReadTotalConstantFW = 3000;
+    pComPort->nActiveReadTotalConstant = 500;
+    nDemo = 0;
+    // The methods prepare their trace texts from here on, but the port object keeps the
+    // switch the file gave it, so the trace still appears only when the file asked for it.
+    nLog = 1;
+    nBaudrate = 9600;
+  }
+  if (nDemo == 1 && !directory.empty()) szDemoFile = directory + kDemoFileName;
+  ReadPrivilegedBits(szConfigFile, abyPrivilegedBits);
+}
+
+Ccom::~Ccom() {
+  pComPort->Close();
+  delete pComPort;
+}
+
+// --- method frame ----------------------------------------------------------------------------
+
+bool Ccom::EnterBusy() {
+  uint8_t expected = 0;
+  return bBusy.compare_exchange_strong(expected, 1, std::memory_order_acq_rel);
+}
+
+void Ccom::TraceMethod(const char* text) {
+  if (nLog == 1) pComPort->Trace(text);
+}
+
+void Ccom::TraceMethodFormat(const char* format, ...) {
+  if (nLog != 1 || !pComPort->Tracing()) return;
+  // Method texts may carry host strings of any length; a trace line stays bounded.
+  char text[200];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  pComPort->Trace(text);
+}
+
+bool Ccom::Exchange(uint32_t serviceCode, const void* requestData, const int32_t* requestCount,
+                    int32_t* values, int32_t* count, size_t capacity, int32_t* error,
+                    RequestFailure onRequestFailure, uint32_t* methodReturn) {
+  uint32_t result = pComPort->GenerateService(serviceCode, requestData, requestCount);
+  if (result != 0) {
+    *error = int32_t(result);
+    *methodReturn = onRequestFailure == RequestFailure::ReturnCode ? result : 0;
+    return false;
+  }
+  int32_t scratchCount = 0;
+  result = pComPort->AnswerReception(serviceCode, values, count != nullptr ? count : &scratchCount, capacity);
+  if (result != 0) {
+    *error = int32_t(result);
+    *methodReturn = rc::kAnswerFailed;
+    return false;
+  }
+  return true;
+}
+
+void Ccom::WriteConfigInt(const char* key, int32_t value) {
+  if (szConfigFile.empty()) return;
+  char text[16];
+  snprintf(text, sizeof text, "%d", value);
+  platform::ProfileWriteString(kInit, key, text, szConfigFile);
+}
+
+// --- methods of no group ---------------------------------------------------------------------
+
+uint32_t Ccom::kaVControll(int32_t* plDemo, int32_t* plLog, int32_t* plError) {
+  // The switches come only from the configuration file, before the object exists.
+  return 0;
+}
+
+uint32_t Ccom::kaVGetVersion(char* psVersion, int32_t* plSizeOfData, int32_t* plError) {
+  static constexpr char kVersion[] = "1.0 B2.1.38";
+  memcpy(psVersion, kVersion, sizeof kVersion - 1);
+  *plSizeOfData = int32_t(sizeof kVersion - 1);
+  return 0;
+}
+
+}  // namespace tamrik
