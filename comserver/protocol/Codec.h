@@ -95,16 +95,24 @@ inline AnswerHeader ParseHeader(const uint8_t* fourBytes) {
 // Decodes a checked answer frame (frameLen = N + 7 bytes, starting with 0xAA) that answers a
 // request with requestCode, into values (room for capacity 32-bit values), and sets *count.
 // Returns 0, 0x20000 + A or 0x30000 + d for refusals, 0xF0000 + A for raw requests, or
-// rc::kAnswerMalformed for an error list that cannot be walked safely. Nothing is written
-// beyond capacity values; the count tells what was delivered.
+// rc::kAnswerMalformed for an error list that cannot be walked safely or a frameLen shorter
+// than the frame's length field says. Nothing is written beyond capacity values; the count
+// tells what was delivered. A rule that needs more data bytes than the answer has (one, two,
+// four bytes, clock) delivers nothing and sets the count to 0.
 uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLen, int32_t* values,
                       size_t capacity, int32_t* count);
 
 // The reduced decoding for the privileged challenge: for answer 0x410F the first four data
 // bytes land unchanged in values[0] and the count becomes 1; any other answer copies nothing
-// and leaves the count at N. Always 0.
+// and leaves the count at N; 0x410F with fewer than four data bytes or no room copies nothing
+// and sets the count to 0. Always 0, except rc::kAnswerMalformed for a frameLen shorter than
+// the frame's length field says.
 uint32_t DecodeClockRaw(const uint8_t* frame, size_t frameLen, int32_t* values, size_t capacity,
                         int32_t* count);
+
+// Whether answerCode is the positive answer or one of the two refusals of requestCode (its
+// low 16 bits plus 0x4000, 0x8000 or 0xC000, in 16-bit arithmetic).
+bool AnswerMatchesRequest(uint32_t requestCode, uint16_t answerCode);
 
 // --- millisecond split -----------------------------------------------------------------
 
@@ -121,7 +129,9 @@ MillisecondParts MillisecondSplit(uint32_t ms);
 // --- dotted IPv4 text ------------------------------------------------------------------
 
 // Converts dotted IPv4 text the way inet_addr does (one to four parts, each decimal, octal
-// with a leading 0 or hexadecimal with 0x). Gives the address in network byte order.
+// with a leading 0 or hexadecimal with 0x; the last part fills the remaining bytes). Only
+// whitespace may follow the address. Gives the address in network byte order; unlike
+// inet_addr, 255.255.255.255 is an address, not a failure.
 bool ParseIpv4(const char* text, uint32_t* addressNetworkOrder);
 
 }  // namespace tamrik::protocol

@@ -1,0 +1,423 @@
+// Request building, answer decoding, the millisecond split and dotted IPv4 text.
+//
+// Everything here works on caller-owned buffers: no allocation, no I/O, no state. A request
+// and its answer go through here once per exchange, so the rule lookups are plain switches
+// that the compiler turns into jump tables, and the copies are single loops.
+#include <bit>
+#include <cstring>
+
+#include "ResultCodes.h"
+#include "protocol/Codec.h"
+
+namespace tamrik::protocol {
+
+// The packed rule hands the host the answer's bytes in the memory of its 32-bit values and
+// promises little-endian values at the same time; both hold only on a little-endian host,
+// which every platform the driver is built for is.
+static_assert(std::endian::native == std::endian::little,
+              "the packed answer rule needs a little-endian host");
+
+namespace {
+
+constexpr uint32_t Le32(const uint8_t* p) {
+  return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);
+}
+
+// The low byte of the i-th 32-bit value of the caller's array, read without assuming that the
+// array is aligned (the interface hands it over as an untyped pointer).
+inline uint8_t LowByteOfValue(const void* values, size_t i) {
+  uint32_t v;
+  std::memcpy(&v, static_cast<const uint8_t*>(values) + 4 * i, sizeof v);
+  return uint8_t(v);
+}
+
+inline size_t Min(size_t a, size_t b) { return a < b ? a : b; }
+
+// Service codes that a gateway refuses with 0x8000 or 0xC000 added. Every one is below
+// 0x4000, so the refusal's low 14 bits are the refused code.
+constexpr bool IsRefusableService(uint32_t code) {
+  switch (code) {
+    case 0x001:
+    case 0x003: case 0x004: case 0x005: case 0x006: case 0x007: case 0x008: case 0x009: case 0x00A:
+    case 0x00D: case 0x00E: case 0x00F: case 0x010: case 0x011: case 0x012: case 0x013:
+    case 0x015: case 0x016: case 0x017: case 0x018: case 0x019: case 0x01A: case 0x01B:
+    case 0x100: case 0x101: case 0x102: case 0x103: case 0x104: case 0x105: case 0x106: case 0x107:
+    case 0x109: case 0x10A: case 0x10B: case 0x10C: case 0x10D:
+    case 0x111: case 0x112: case 0x113: case 0x114: case 0x115:
+    case 0x120: case 0x121: case 0x122:
+    case 0x130: case 0x131: case 0x132:
+    case 0x902: case 0x904: case 0x912: case 0x913:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// The error list is walked twice: once to prove that every entry lies inside the data (so that
+// the second pass can write without checks), once to emit the records.
+inline constexpr size_t kMaxErrorEntries = 30;
+inline constexpr size_t kErrorEntryHeader = 6;  // length byte, error code, 4-byte duration
+
+uint32_t DecodeErrorList(const uint8_t* data, size_t n, int32_t* values, size_t capacity,
+                         int32_t* count) {
+  size_t entries = 0;
+  for (size_t pos = 0; pos < n;) {
+    const size_t length = data[pos];
+    ++entries;
+    if (length < kErrorEntryHeader || length > n - pos || entries > kMaxErrorEntries) {
+      *count = 0;
+      return rc::kAnswerMalformed;
+    }
+    pos += length;
+  }
+
+  // A record that does not fit whole is not started: the host walks records by their first
+  // value, and a cut record would send it past what was delivered.
+  size_t delivered = 0;
+  size_t out = 0;
+  for (size_t pos = 0; pos < n; ++delivered) {
+    const uint8_t* entry = data + pos;
+    const size_t length = entry[0];
+    const size_t recordSize = length + 1;
+    if (recordSize > capacity - out) break;
+    const MillisecondParts d = MillisecondSplit(Le32(entry + 2));
+    int32_t* record = values + out;
+    record[0] = int32_t(recordSize);
+    record[1] = entry[1];
+    record[2] = int32_t(d.days);
+    record[3] = int32_t(d.hours);
+    record[4] = int32_t(d.minutes);
+    record[5] = int32_t(d.seconds);
+    record[6] = int32_t(d.milliseconds);
+    for (size_t i = kErrorEntryHeader; i < length; ++i) record[i + 1] = entry[i];
+    out += recordSize;
+    pos += length;
+  }
+  *count = int32_t(delivered);
+  return rc::kOk;
+}
+
+}  // namespace
+
+// --- requests ----------------------------------------------------------------------------
+
+RequestRule RequestRuleFor(uint32_t serviceCode) {
+  if (serviceCode >= kRawServiceBase) return RequestRule::RawBytes;
+  switch (serviceCode) {
+    case 0x001: case 0x003: case 0x004: case 0x006: case 0x008:
+    case 0x00D: case 0x00E: case 0x00F: case 0x012: case 0x013:
+    case 0x015: case 0x016: case 0x017: case 0x018: case 0x019:
+    case 0x100: case 0x101: case 0x102: case 0x103: case 0x104: case 0x105: case 0x107:
+    case 0x109: case 0x10A: case 0x10B: case 0x10C: case 0x10F: case 0x112: case 0x114:
+    case 0x122: case 0x131: case 0x132: case 0x902: case 0x904:
+      return RequestRule::Empty;
+    case 0x106: case 0x110: case 0x111: case 0x115:
+      return RequestRule::OneByte;
+    case 0x113:
+      return RequestRule::Word16;
+    case 0x005: case 0x007: case 0x010: case 0x011: case 0x01A: case 0x01B:
+    case 0x120: case 0x130: case 0x912: case 0x913:
+      return RequestRule::BytePerValue;
+    case 0x121:
+      return RequestRule::RawBytes;
+    default:
+      return RequestRule::Unassigned;
+  }
+}
+
+size_t BuildRequest(uint32_t serviceCode, const void* data, const int32_t* count, uint8_t* out,
+                    size_t capacity) {
+  const RequestRule rule = RequestRuleFor(serviceCode);
+  size_t n = 0;
+  switch (rule) {
+    case RequestRule::Unassigned:
+      return 0;
+    case RequestRule::Empty:
+      break;
+    case RequestRule::OneByte:
+      if (data == nullptr) return 0;
+      n = 1;
+      break;
+    case RequestRule::Word16:
+      if (data == nullptr) return 0;
+      n = 2;
+      break;
+    case RequestRule::BytePerValue:
+    case RequestRule::RawBytes:
+      if (count == nullptr || *count < 0 || size_t(*count) > kMaxData) return 0;
+      n = size_t(*count);
+      if (n > 0 && data == nullptr) return 0;
+      break;
+  }
+  const size_t frameLen = n + kFrameOverhead;
+  if (out == nullptr || capacity < frameLen) return 0;
+
+  out[0] = kStartByte;
+  out[1] = uint8_t(serviceCode);
+  out[2] = uint8_t(serviceCode >> 8);
+  out[3] = uint8_t(n);
+  out[4] = uint8_t(n >> 8);
+  uint8_t* body = out + kHeaderSize;
+  switch (rule) {
+    case RequestRule::OneByte:
+      body[0] = LowByteOfValue(data, 0);
+      break;
+    case RequestRule::Word16: {
+      uint32_t v;
+      std::memcpy(&v, data, sizeof v);
+      body[0] = uint8_t(v);
+      body[1] = uint8_t(v >> 8);
+      break;
+    }
+    case RequestRule::BytePerValue:
+      for (size_t i = 0; i < n; ++i) body[i] = LowByteOfValue(data, i);
+      break;
+    case RequestRule::RawBytes:
+      if (n > 0) std::memcpy(body, data, n);
+      break;
+    default:
+      break;
+  }
+  ComputeCheckValue(out, frameLen);
+  return frameLen;
+}
+
+// --- answers -----------------------------------------------------------------------------
+
+AnswerRule AnswerRuleFor(uint16_t answerCode) {
+  switch (answerCode) {
+    case 0x4003: case 0x4004: case 0x4005: case 0x4006: case 0x4007: case 0x4008: case 0x4009:
+    case 0x400A:
+    case 0x400D: case 0x400E: case 0x400F: case 0x4010: case 0x4011: case 0x4012: case 0x4013:
+    case 0x4015: case 0x4016: case 0x4017: case 0x4018: case 0x4019: case 0x401A: case 0x401B:
+    case 0x4100: case 0x4102: case 0x4106: case 0x4107: case 0x4109: case 0x410A: case 0x410C:
+    case 0x4110: case 0x4111: case 0x4113: case 0x4115:
+    case 0x4120: case 0x4121: case 0x4122: case 0x4130: case 0x4132:
+    case 0x4904: case 0x4912: case 0x4913:
+      return AnswerRule::BytePerValue;
+    case 0x4001: case 0x410B: case 0x410D: case 0x4131:
+      return AnswerRule::Packed;
+    case 0x4105:
+      return AnswerRule::OneByte;
+    case 0x4101: case 0x4103: case 0x4112:
+      return AnswerRule::TwoBytes;
+    case 0x4902:
+      return AnswerRule::FourBytes;
+    case 0x4114:
+      return AnswerRule::Words16;
+    case 0x410F:
+      return AnswerRule::Clock;
+    case 0x4104:
+      return AnswerRule::ErrorList;
+    default:
+      break;
+  }
+  if ((answerCode & kRefusalBit) != 0 && IsRefusableService(answerCode & 0x3FFFu)) {
+    return AnswerRule::Refusal;
+  }
+  return AnswerRule::NotRecognised;
+}
+
+uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLen, int32_t* values,
+                      size_t capacity, int32_t* count) {
+  int32_t ignoredCount = 0;
+  if (count == nullptr) count = &ignoredCount;
+  if (values == nullptr) capacity = 0;
+
+  // The frame's own length field must agree with the bytes handed in; otherwise the rules
+  // below would read past the frame.
+  if (frame == nullptr || frameLen < kFrameOverhead) {
+    *count = 0;
+    return rc::kAnswerMalformed;
+  }
+  const AnswerHeader h = ParseHeader(frame + 1);
+  if (frameLen < h.FrameLength()) {
+    *count = 0;
+    return rc::kAnswerMalformed;
+  }
+  const uint8_t* data = frame + kHeaderSize;
+  const size_t n = h.length;
+
+  if (IsRawRequest(requestCode)) {
+    const size_t copied = Min(n, capacity);
+    for (size_t i = 0; i < copied; ++i) values[i] = data[i];
+    *count = int32_t(copied);
+    return rc::kRawAnswerBase + h.code;
+  }
+
+  switch (AnswerRuleFor(h.code)) {
+    case AnswerRule::BytePerValue: {
+      const size_t copied = Min(n, capacity);
+      for (size_t i = 0; i < copied; ++i) values[i] = data[i];
+      *count = int32_t(copied);
+      return rc::kOk;
+    }
+    case AnswerRule::Packed: {
+      // capacity may be near SIZE_MAX / 16 (unbounded); compare in values, not in bytes.
+      const size_t bytes = capacity >= (n + 3) / 4 ? n : capacity * 4;
+      if (bytes > 0) std::memcpy(values, data, bytes);
+      *count = int32_t(bytes / 4);
+      return rc::kOk;
+    }
+    case AnswerRule::OneByte:
+      if (capacity < 1 || n < 1) break;
+      values[0] = int32_t((uint32_t(values[0]) & 0xFFFFFF00u) | data[0]);
+      *count = 1;
+      return rc::kOk;
+    case AnswerRule::TwoBytes:
+      if (capacity < 1 || n < 2) break;
+      values[0] = int32_t((uint32_t(values[0]) & 0xFFFF0000u) | data[0] | (uint32_t(data[1]) << 8));
+      *count = 1;
+      return rc::kOk;
+    case AnswerRule::FourBytes:
+      if (capacity < 1 || n < 4) break;
+      values[0] = int32_t(Le32(data));
+      *count = 1;
+      return rc::kOk;
+    case AnswerRule::Words16: {
+      // With an odd N the last word's upper byte is the check value's low byte, which is
+      // still inside the frame. The count is in bytes, as the host expects it.
+      const size_t words = Min((n + 1) / 2, capacity);
+      for (size_t k = 0; k < words; ++k) values[k] = data[2 * k] | (int32_t(data[2 * k + 1]) << 8);
+      *count = int32_t(Min(n, 2 * words));
+      return rc::kOk;
+    }
+    case AnswerRule::Clock: {
+      // The count stays the data length, as hosts know it, bounded by what the buffer holds.
+      if (capacity < 1 || n < 4) break;
+      const MillisecondParts t = MillisecondSplit(Le32(data));
+      const uint32_t parts[4] = {t.days, t.hours, t.minutes, t.seconds};
+      const size_t written = Min(4, capacity);
+      for (size_t i = 0; i < written; ++i) values[i] = int32_t(parts[i]);
+      *count = int32_t(Min(n, capacity));
+      return rc::kOk;
+    }
+    case AnswerRule::ErrorList:
+      return DecodeErrorList(data, n, values, capacity, count);
+    case AnswerRule::Refusal:
+      *count = int32_t(n);
+      if (n == 0) return rc::kRefusalBase + h.code;
+      if (n == 1) return rc::kRefusalDataBase + data[0];
+      return rc::kOk;
+    case AnswerRule::NotRecognised:
+      *count = int32_t(n);
+      return rc::kOk;
+  }
+  // A rule that writes value 0 found no room, or fewer data bytes than it takes.
+  *count = 0;
+  return rc::kOk;
+}
+
+uint32_t DecodeClockRaw(const uint8_t* frame, size_t frameLen, int32_t* values, size_t capacity,
+                        int32_t* count) {
+  int32_t ignoredCount = 0;
+  if (count == nullptr) count = &ignoredCount;
+  if (values == nullptr) capacity = 0;
+  if (frame == nullptr || frameLen < kFrameOverhead) {
+    *count = 0;
+    return rc::kAnswerMalformed;
+  }
+  const AnswerHeader h = ParseHeader(frame + 1);
+  if (frameLen < h.FrameLength()) {
+    *count = 0;
+    return rc::kAnswerMalformed;
+  }
+  if (h.code != 0x410F) {
+    *count = int32_t(h.length);
+    return rc::kOk;
+  }
+  if (capacity < 1 || h.length < 4) {
+    *count = 0;
+    return rc::kOk;
+  }
+  values[0] = int32_t(Le32(frame + kHeaderSize));
+  *count = 1;
+  return rc::kOk;
+}
+
+bool AnswerMatchesRequest(uint32_t requestCode, uint16_t answerCode) {
+  const uint16_t code = uint16_t(requestCode);
+  return answerCode == uint16_t(code + 0x4000) || answerCode == uint16_t(code + 0x8000) ||
+         answerCode == uint16_t(code + 0xC000);
+}
+
+// --- millisecond split -------------------------------------------------------------------
+
+MillisecondParts MillisecondSplit(uint32_t ms) {
+  MillisecondParts p;
+  p.days = ms / 86'400'000u;
+  p.hours = (ms / 3'600'000u) % 24u;
+  p.minutes = (ms / 60'000u) % 60u;
+  p.seconds = (ms / 1'000u) % 60u;
+  p.milliseconds = ms % 1'000u;
+  return p;
+}
+
+// --- dotted IPv4 text --------------------------------------------------------------------
+
+namespace {
+
+constexpr bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+constexpr bool IsSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+constexpr int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+}  // namespace
+
+bool ParseIpv4(const char* text, uint32_t* addressNetworkOrder) {
+  if (text == nullptr || addressNetworkOrder == nullptr) return false;
+  uint32_t parts[4] = {};
+  size_t partCount = 0;
+  const char* p = text;
+  for (;;) {
+    if (!IsDigit(*p)) return false;  // also rejects empty text, empty parts and a leading sign
+    uint32_t base = 10;
+    bool anyDigit = false;
+    if (*p == '0') {
+      ++p;
+      if (*p == 'x' || *p == 'X') {
+        base = 16;
+        ++p;
+      } else {
+        base = 8;
+        anyDigit = true;  // the 0 itself
+      }
+    }
+    uint64_t value = 0;
+    for (;; ++p) {
+      const int digit = HexValue(*p);
+      // A digit beyond the base ("08", "1a") ends the number and fails as trailing garbage.
+      if (digit < 0 || uint32_t(digit) >= base) break;
+      value = value * base + uint32_t(digit);
+      if (value > 0xFFFFFFFFu) return false;
+      anyDigit = true;
+    }
+    if (!anyDigit) return false;  // a bare 0x
+    parts[partCount++] = uint32_t(value);
+    if (*p != '.') break;
+    if (partCount == 4 || value > 0xFF) return false;
+    ++p;
+  }
+  while (IsSpace(*p)) ++p;
+  if (*p != '\0') return false;
+
+  // The last part fills every byte that the earlier parts left.
+  const uint32_t last = parts[partCount - 1];
+  const uint32_t lastMax = partCount == 1 ? 0xFFFFFFFFu : (0xFFFFFFFFu >> (8 * (partCount - 1)));
+  if (last > lastMax) return false;
+  uint32_t host = last;
+  for (size_t i = 0; i + 1 < partCount; ++i) host |= parts[i] << (24 - 8 * i);
+
+  const uint8_t bytes[4] = {uint8_t(host >> 24), uint8_t(host >> 16), uint8_t(host >> 8),
+                            uint8_t(host)};
+  std::memcpy(addressNetworkOrder, bytes, sizeof bytes);
+  return true;
+}
+
+}  // namespace tamrik::protocol
