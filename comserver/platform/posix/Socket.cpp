@@ -1,0 +1,282 @@
+// IPv4 sockets that report errors with Windows Sockets numbers and behave, where the
+// driver can tell, as Windows Sockets do.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <mutex>
+#include <unordered_map>
+
+#include "ResultCodes.h"
+#include "platform/Platform.h"
+
+namespace tamrik::platform {
+
+namespace {
+
+thread_local int32_t t_lastError = 0;
+
+int32_t WsaFromErrno(int error) {
+  switch (error) {
+    case EINTR: return wsa::kInterrupted;
+    case EBADF: return wsa::kBadHandle;
+    case EACCES: case EPERM: return wsa::kAccess;
+    case EFAULT: return wsa::kFault;
+    case EINVAL: return wsa::kInvalid;
+    case EMFILE: case ENFILE: return wsa::kTooManyFiles;
+    case EAGAIN: return wsa::kWouldBlock;  // EWOULDBLOCK is the same number on Linux
+    // A second connect while the first is under way; the first one's EINPROGRESS is
+    // turned into would-block where it happens.
+    case EINPROGRESS: return wsa::kInProgress;
+    case EALREADY: return wsa::kAlready;
+    case ENOTSOCK: return wsa::kNotSocket;
+    case EDESTADDRREQ: return wsa::kDestAddrRequired;
+    case EMSGSIZE: return wsa::kMsgSize;
+    case EPROTOTYPE: return wsa::kProtoType;
+    case ENOPROTOOPT: return wsa::kNoProtoOpt;
+    case EPROTONOSUPPORT: return wsa::kProtoNoSupport;
+    case ESOCKTNOSUPPORT: return wsa::kSocketNoSupport;
+    case EOPNOTSUPP: return wsa::kOpNotSupp;
+    case EPFNOSUPPORT: return wsa::kPfNoSupport;
+    case EAFNOSUPPORT: return wsa::kAfNoSupport;
+    case EADDRINUSE: return wsa::kAddrInUse;
+    case EADDRNOTAVAIL: return wsa::kAddrNotAvail;
+    case ENETDOWN: return wsa::kNetDown;
+    case ENETUNREACH: return wsa::kNetUnreach;
+    case ENETRESET: return wsa::kNetReset;
+    case ECONNABORTED: return wsa::kConnAborted;
+    // EPIPE: Linux says so once the connection is gone, whether the peer reset it or
+    // closed it; Windows reports a send on such a connection as reset. The driver never
+    // shuts a socket down itself, so it never meets the other meaning of EPIPE.
+    case ECONNRESET: case EPIPE: return wsa::kConnReset;
+    case ENOBUFS: case ENOMEM: return wsa::kNoBufs;
+    case EISCONN: return wsa::kIsConn;
+    case ENOTCONN: return wsa::kNotConn;
+    case ESHUTDOWN: return wsa::kShutdown;
+    case ETIMEDOUT: return wsa::kTimedOut;
+    case ECONNREFUSED: return wsa::kConnRefused;
+    case EHOSTDOWN: return wsa::kHostDown;
+    case EHOSTUNREACH: return wsa::kHostUnreach;
+    default: return wsa::kNetDown;  // "the network subsystem has failed"
+  }
+}
+
+// Linux reports the failure of a connection (a refused or timed-out connect, a reset) to
+// the first call that asks and then answers later receives with 0 and sends with EPIPE.
+// Windows keeps reporting the failure, and the driver's logic relies on that, so each
+// stream socket keeps its failure here until it connects anew or is closed.
+std::mutex g_failMutex;
+std::unordered_map<int, int32_t> g_failed;
+
+void ForgetFailure(int fd) {
+  std::lock_guard lock(g_failMutex);
+  g_failed.erase(fd);
+}
+
+void RememberFailure(int fd, int32_t wsaError) {
+  std::lock_guard lock(g_failMutex);
+  g_failed[fd] = wsaError;
+}
+
+int32_t KnownFailure(int fd) {
+  std::lock_guard lock(g_failMutex);
+  auto it = g_failed.find(fd);
+  return it == g_failed.end() ? 0 : it->second;
+}
+
+bool IsConnectionFailure(int error) {
+  return error == ECONNREFUSED || error == ECONNRESET || error == ETIMEDOUT ||
+         error == EHOSTUNREACH || error == ENETUNREACH || error == EHOSTDOWN;
+}
+
+int32_t Fail(int32_t wsaError) {
+  t_lastError = wsaError;
+  return wsaError;
+}
+
+int32_t FailErrno(int error) { return Fail(WsaFromErrno(error)); }
+
+// The handle as a descriptor, or -1 (with the error recorded) when it cannot be one.
+int Fd(SocketHandle s) {
+  if (s < 0 || s > INT_MAX) {
+    Fail(wsa::kNotSocket);
+    return -1;
+  }
+  return static_cast<int>(s);
+}
+
+bool IsStream(int fd) {
+  int type = 0;
+  socklen_t len = sizeof type;
+  return ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len) == 0 && type == SOCK_STREAM;
+}
+
+// errno of a failed send or receive as the Windows Sockets number the caller sees.
+int32_t TransferError(int fd, int error) {
+  bool stream = IsStream(fd);
+  if (stream && IsConnectionFailure(error)) {
+    int32_t wsaError = WsaFromErrno(error);
+    RememberFailure(fd, wsaError);
+    return Fail(wsaError);
+  }
+  // An ICMP port-unreachable answer to an earlier datagram: Windows reports it as reset.
+  if (!stream && error == ECONNREFUSED) return Fail(wsa::kConnReset);
+  return FailErrno(error);
+}
+
+sockaddr_in Address(uint32_t addressNetworkOrder, uint16_t port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = addressNetworkOrder;
+  return addr;
+}
+
+int64_t NowMs() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+int32_t NetStartup(uint8_t major, uint8_t minor) { return 0; }
+
+void NetCleanup() {}
+
+int32_t SocketLastError() { return t_lastError; }
+
+SocketHandle SocketCreate(bool datagram) {
+  int fd = ::socket(AF_INET, (datagram ? SOCK_DGRAM : SOCK_STREAM) | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    FailErrno(errno);
+    return kInvalidSocket;
+  }
+  ForgetFailure(fd);  // left by an earlier descriptor of the same number
+  return fd;
+}
+
+void SocketSetNonBlocking(SocketHandle s) {
+  int fd = Fd(s);
+  if (fd < 0) return;
+  int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) FailErrno(errno);
+}
+
+int32_t SocketBind(SocketHandle s, uint32_t addressNetworkOrder, uint16_t port) {
+  int fd = Fd(s);
+  if (fd < 0) return wsa::kNotSocket;
+  sockaddr_in addr = Address(addressNetworkOrder, port);
+  if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+    return FailErrno(errno);
+  }
+  return 0;
+}
+
+int32_t SocketConnect(SocketHandle s, uint32_t addressNetworkOrder, uint16_t port) {
+  int fd = Fd(s);
+  if (fd < 0) return wsa::kNotSocket;
+  ForgetFailure(fd);
+  sockaddr_in addr = Address(addressNetworkOrder, port);
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) return 0;
+  int error = errno;
+  if (error == EINPROGRESS) return Fail(wsa::kWouldBlock);
+  if (error == EINTR) {
+    // A blocking connect cut short by a signal goes on in the background; wait for its
+    // outcome as Windows, which has no signals, would have.
+    pollfd p{fd, POLLOUT, 0};
+    int r;
+    do {
+      r = ::poll(&p, 1, -1);
+    } while (r < 0 && errno == EINTR);
+    if (r < 0) return FailErrno(errno);
+    int soError = 0;
+    socklen_t len = sizeof soError;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0) return FailErrno(errno);
+    if (soError == 0) return 0;
+    error = soError;
+  }
+  return FailErrno(error);
+}
+
+bool SocketIsDatagram(SocketHandle s) {
+  int fd = Fd(s);
+  if (fd < 0) return false;
+  int type = 0;
+  socklen_t len = sizeof type;
+  if (::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len) != 0) {
+    FailErrno(errno);
+    return false;
+  }
+  return type == SOCK_DGRAM;
+}
+
+int32_t SocketSend(SocketHandle s, const uint8_t* buffer, uint32_t length) {
+  int fd = Fd(s);
+  if (fd < 0) return -wsa::kNotSocket;
+  if (int32_t failure = KnownFailure(fd)) return -Fail(failure);
+  size_t n = length > INT32_MAX ? INT32_MAX : length;
+  ssize_t sent;
+  do {
+    sent = ::send(fd, buffer, n, MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  if (sent < 0) return -TransferError(fd, errno);
+  return static_cast<int32_t>(sent);
+}
+
+int32_t SocketRecv(SocketHandle s, uint8_t* buffer, uint32_t length) {
+  int fd = Fd(s);
+  if (fd < 0) return -wsa::kNotSocket;
+  if (int32_t failure = KnownFailure(fd)) return -Fail(failure);
+  iovec part{buffer, length > INT32_MAX ? static_cast<size_t>(INT32_MAX) : length};
+  msghdr msg{};
+  msg.msg_iov = &part;
+  msg.msg_iovlen = 1;
+  ssize_t got;
+  do {
+    got = ::recvmsg(fd, &msg, 0);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0) return -TransferError(fd, errno);
+  // Only a datagram can be cut; the part that fitted is in the buffer, as on Windows.
+  if ((msg.msg_flags & MSG_TRUNC) != 0) return -Fail(wsa::kMsgSize);
+  return static_cast<int32_t>(got);
+}
+
+int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs) {
+  int fd = Fd(s);
+  if (fd < 0) return -wsa::kNotSocket;
+  // A failure that a receive has already taken from the socket is still to be reported.
+  if (KnownFailure(fd) != 0) return 1;
+  const int64_t deadline = NowMs() + timeoutMs;
+  for (;;) {
+    int64_t left = deadline - NowMs();
+    if (left < 0) left = 0;
+    pollfd p{fd, POLLIN, 0};
+    int r = ::poll(&p, 1, left > INT_MAX ? INT_MAX : static_cast<int>(left));
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      return -FailErrno(errno);
+    }
+    if (r == 0) {
+      if (left > INT_MAX) continue;
+      return 0;
+    }
+    if ((p.revents & POLLNVAL) != 0) return -Fail(wsa::kNotSocket);
+    return 1;  // data, an error or a hang-up: the next receive reports which
+  }
+}
+
+void SocketClose(SocketHandle s) {
+  int fd = Fd(s);
+  if (fd < 0) return;
+  ForgetFailure(fd);
+  if (::close(fd) != 0 && errno != EINTR) FailErrno(errno);
+}
+
+}  // namespace tamrik::platform
