@@ -86,7 +86,10 @@ Parsed Classify(const Line& line, bool first) {
   p.kind = Kind::Key;
   p.name = Trim(text.substr(0, eq));
   p.value = Trim(text.substr(eq + 1));
-  p.valueStart = static_cast<size_t>(text.data() - line.text.data()) + eq + 1;
+  // A rewritten value keeps the blanks the file has between '=' and the value.
+  size_t valueStart = text.find_first_not_of(" \t", eq + 1);
+  if (valueStart == std::string_view::npos) valueStart = text.size();
+  p.valueStart = static_cast<size_t>(text.data() - line.text.data()) + valueStart;
   return p;
 }
 

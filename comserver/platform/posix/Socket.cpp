@@ -183,6 +183,9 @@ int32_t SocketConnect(SocketHandle s, uint32_t addressNetworkOrder, uint16_t por
   int fd = Fd(s);
   if (fd < 0) return wsa::kNotSocket;
   ForgetFailure(fd);
+  // Windows refuses the unspecified address and port 0 as a destination at once; Linux
+  // would take 0.0.0.0 for this machine and connect there.
+  if (addressNetworkOrder == htonl(INADDR_ANY) || port == 0) return Fail(wsa::kAddrNotAvail);
   sockaddr_in addr = Address(addressNetworkOrder, port);
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) return 0;
   int error = errno;

@@ -1,0 +1,256 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "ResultCodes.h"
+#include "platform/Platform.h"
+
+namespace tamrik::platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const uint32_t kLoopback = htonl(INADDR_LOOPBACK);
+
+int64_t MsSince(Clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+uint16_t LocalPort(int fd) {
+  sockaddr_in addr{};
+  socklen_t len = sizeof addr;
+  EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+  return ntohs(addr.sin_port);
+}
+
+// A socket of the test's own, bound to a free loopback port; listening when asked.
+int PlainSocket(int type, bool listening) {
+  int fd = ::socket(AF_INET, type, 0);
+  EXPECT_GE(fd, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = kLoopback;
+  EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  if (listening) {
+    EXPECT_EQ(::listen(fd, 4), 0);
+  }
+  return fd;
+}
+
+// Accepts one connection, waiting at most two seconds.
+int AcceptOne(int listener) {
+  pollfd p{listener, POLLIN, 0};
+  if (::poll(&p, 1, 2000) != 1) return -1;
+  return ::accept(listener, nullptr, nullptr);
+}
+
+// Waits at most two seconds until the connect of s has completed.
+void WaitConnected(SocketHandle s) {
+  pollfd p{static_cast<int>(s), POLLOUT, 0};
+  ASSERT_EQ(::poll(&p, 1, 2000), 1);
+}
+
+TEST(Socket, RefusedConnectionIsReportedByEveryLaterCall) {
+  EXPECT_EQ(NetStartup(2, 2), 0);
+  // Bound but not listening: a connect to it is refused.
+  int closed = PlainSocket(SOCK_STREAM, false);
+  uint16_t port = LocalPort(closed);
+
+  SocketHandle s = SocketCreate(false);
+  ASSERT_NE(s, kInvalidSocket);
+  EXPECT_FALSE(SocketIsDatagram(s));
+  SocketSetNonBlocking(s);
+  int32_t result = SocketConnect(s, kLoopback, port);
+  EXPECT_TRUE(result == wsa::kWouldBlock || result == wsa::kConnRefused) << result;
+  EXPECT_EQ(SocketWaitReadable(s, 2000), 1);
+  uint8_t buffer[8];
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kConnRefused);
+  EXPECT_EQ(SocketLastError(), wsa::kConnRefused);
+  EXPECT_EQ(SocketWaitReadable(s, 0), 1);
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kConnRefused);
+  EXPECT_EQ(SocketSend(s, buffer, 3), -wsa::kConnRefused);
+  SocketClose(s);
+
+  // The same when a send is the first to ask.
+  s = SocketCreate(false);
+  SocketSetNonBlocking(s);
+  SocketConnect(s, kLoopback, port);
+  SocketWaitReadable(s, 2000);
+  EXPECT_EQ(SocketSend(s, buffer, 3), -wsa::kConnRefused);
+  EXPECT_EQ(SocketSend(s, buffer, 3), -wsa::kConnRefused);
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kConnRefused);
+  SocketClose(s);
+
+  // A blocking connect reports the refusal itself.
+  s = SocketCreate(false);
+  EXPECT_EQ(SocketConnect(s, kLoopback, port), wsa::kConnRefused);
+  EXPECT_EQ(SocketLastError(), wsa::kConnRefused);
+  SocketClose(s);
+  ::close(closed);
+  NetCleanup();
+}
+
+TEST(Socket, StreamExchangeWaitsAndReportsThePeer) {
+  int listener = PlainSocket(SOCK_STREAM, true);
+  SocketHandle s = SocketCreate(false);
+  SocketSetNonBlocking(s);
+  int32_t result = SocketConnect(s, kLoopback, LocalPort(listener));
+  EXPECT_TRUE(result == 0 || result == wsa::kWouldBlock) << result;
+  int peer = AcceptOne(listener);
+  ASSERT_GE(peer, 0);
+  WaitConnected(s);
+
+  // Nothing there yet: would block at once, and a wait runs out its time.
+  uint8_t buffer[16];
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kWouldBlock);
+  EXPECT_EQ(SocketLastError(), wsa::kWouldBlock);
+  auto start = Clock::now();
+  EXPECT_EQ(SocketWaitReadable(s, 150), 0);
+  int64_t elapsed = MsSince(start);
+  EXPECT_GE(elapsed, 149);
+  EXPECT_LT(elapsed, 150 + 400);
+  EXPECT_EQ(SocketWaitReadable(s, 0), 0);
+
+  // Readiness ends the wait early.
+  EXPECT_EQ(SocketSend(s, reinterpret_cast<const uint8_t*>("\xAA\x01\x02"), 3), 3);
+  char request[3];
+  ASSERT_EQ(::recv(peer, request, 3, MSG_WAITALL), 3);
+  EXPECT_EQ(std::memcmp(request, "\xAA\x01\x02", 3), 0);
+  std::thread answer([peer] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ::send(peer, "answer", 6, 0);
+  });
+  start = Clock::now();
+  EXPECT_EQ(SocketWaitReadable(s, 3000), 1);
+  elapsed = MsSince(start);
+  answer.join();
+  EXPECT_GE(elapsed, 90);
+  EXPECT_LT(elapsed, 100 + 400);
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), 6);
+  EXPECT_EQ(std::string(buffer, buffer + 6), "answer");
+
+  // The thread's last error is its own.
+  SocketRecv(s, buffer, sizeof buffer);
+  ASSERT_EQ(SocketLastError(), wsa::kWouldBlock);
+  int32_t otherThread = -1;
+  std::thread([&otherThread] { otherThread = SocketLastError(); }).join();
+  EXPECT_EQ(otherThread, 0);
+
+  // An orderly close by the peer: readable, and a receive of 0 bytes.
+  ::close(peer);
+  EXPECT_EQ(SocketWaitReadable(s, 2000), 1);
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), 0);
+  SocketClose(s);
+
+  // A reset by the peer stays a reset for every later call.
+  s = SocketCreate(false);
+  SocketSetNonBlocking(s);
+  SocketConnect(s, kLoopback, LocalPort(listener));
+  peer = AcceptOne(listener);
+  ASSERT_GE(peer, 0);
+  WaitConnected(s);
+  linger abort{1, 0};
+  ASSERT_EQ(::setsockopt(peer, SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
+  ::close(peer);
+  EXPECT_EQ(SocketWaitReadable(s, 2000), 1);
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kConnReset);
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kConnReset);
+  EXPECT_EQ(SocketSend(s, buffer, 1), -wsa::kConnReset);
+  SocketClose(s);
+  ::close(listener);
+}
+
+TEST(Socket, DatagramsKeepTheirBoundariesAndReportCuts) {
+  SocketHandle a = SocketCreate(true);
+  SocketHandle b = SocketCreate(true);
+  ASSERT_NE(a, kInvalidSocket);
+  ASSERT_NE(b, kInvalidSocket);
+  EXPECT_TRUE(SocketIsDatagram(a));
+  ASSERT_EQ(SocketBind(a, kLoopback, 0), 0);
+  ASSERT_EQ(SocketBind(b, kLoopback, 0), 0);
+  ASSERT_EQ(SocketConnect(a, kLoopback, LocalPort(static_cast<int>(b))), 0);
+  ASSERT_EQ(SocketConnect(b, kLoopback, LocalPort(static_cast<int>(a))), 0);
+  SocketSetNonBlocking(b);
+
+  uint8_t buffer[64];
+  EXPECT_EQ(SocketRecv(b, buffer, sizeof buffer), -wsa::kWouldBlock);
+
+  EXPECT_EQ(SocketSend(a, reinterpret_cast<const uint8_t*>("0123456789"), 10), 10);
+  EXPECT_EQ(SocketSend(a, reinterpret_cast<const uint8_t*>("abc"), 3), 3);
+  EXPECT_EQ(SocketSend(a, reinterpret_cast<const uint8_t*>("defgh"), 5), 5);
+  ASSERT_EQ(SocketWaitReadable(b, 2000), 1);
+
+  // Longer than asked for: cut, the first part delivered, the rest gone.
+  std::memset(buffer, 0, sizeof buffer);
+  EXPECT_EQ(SocketRecv(b, buffer, 4), -wsa::kMsgSize);
+  EXPECT_EQ(SocketLastError(), wsa::kMsgSize);
+  EXPECT_EQ(std::string(buffer, buffer + 4), "0123");
+  EXPECT_EQ(SocketRecv(b, buffer, sizeof buffer), 3);
+  EXPECT_EQ(std::string(buffer, buffer + 3), "abc");
+  EXPECT_EQ(SocketRecv(b, buffer, 5), 5);
+  EXPECT_EQ(std::string(buffer, buffer + 5), "defgh");
+  EXPECT_EQ(SocketRecv(b, buffer, sizeof buffer), -wsa::kWouldBlock);
+
+  // A datagram to a port nobody holds comes back as unreachable, which Windows reports
+  // to the next receive as a reset.
+  int gone = PlainSocket(SOCK_DGRAM, false);
+  uint16_t gonePort = LocalPort(gone);
+  ::close(gone);
+  SocketHandle c = SocketCreate(true);
+  SocketSetNonBlocking(c);
+  ASSERT_EQ(SocketConnect(c, kLoopback, gonePort), 0);
+  EXPECT_EQ(SocketSend(c, buffer, 4), 4);
+  EXPECT_EQ(SocketWaitReadable(c, 2000), 1);
+  EXPECT_EQ(SocketRecv(c, buffer, sizeof buffer), -wsa::kConnReset);
+  EXPECT_EQ(SocketRecv(c, buffer, sizeof buffer), -wsa::kWouldBlock);  // not sticky
+
+  SocketClose(a);
+  SocketClose(b);
+  SocketClose(c);
+}
+
+TEST(Socket, AddressErrorsUseWindowsNumbers) {
+  // A second bind to a port in use.
+  for (bool datagram : {false, true}) {
+    SocketHandle first = SocketCreate(datagram);
+    SocketHandle second = SocketCreate(datagram);
+    ASSERT_EQ(SocketBind(first, kLoopback, 0), 0);
+    uint16_t port = LocalPort(static_cast<int>(first));
+    EXPECT_EQ(SocketBind(second, kLoopback, port), wsa::kAddrInUse) << datagram;
+    EXPECT_EQ(SocketLastError(), wsa::kAddrInUse);
+    SocketClose(first);
+    SocketClose(second);
+  }
+
+  // Windows refuses the address 0.0.0.0 and port 0 as a destination; Linux would take
+  // the first for this machine.
+  SocketHandle s = SocketCreate(true);
+  EXPECT_EQ(SocketConnect(s, htonl(INADDR_ANY), 4000), wsa::kAddrNotAvail);
+  EXPECT_EQ(SocketLastError(), wsa::kAddrNotAvail);
+  EXPECT_EQ(SocketConnect(s, kLoopback, 0), wsa::kAddrNotAvail);
+  SocketClose(s);
+
+  // Handles that are no sockets.
+  uint8_t buffer[4];
+  EXPECT_EQ(SocketRecv(kInvalidSocket, buffer, 4), -wsa::kNotSocket);
+  EXPECT_EQ(SocketSend(kInvalidSocket, buffer, 4), -wsa::kNotSocket);
+  EXPECT_EQ(SocketWaitReadable(kInvalidSocket, 10), -wsa::kNotSocket);
+  int pipeEnds[2];
+  ASSERT_EQ(::pipe(pipeEnds), 0);
+  EXPECT_EQ(SocketRecv(pipeEnds[0], buffer, 4), -wsa::kNotSocket);
+  EXPECT_EQ(SocketBind(pipeEnds[0], kLoopback, 0), wsa::kNotSocket);
+  ::close(pipeEnds[0]);
+  ::close(pipeEnds[1]);
+}
+
+}  // namespace
+}  // namespace tamrik::platform
