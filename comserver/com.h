@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "ComPort2.h"
@@ -67,6 +68,15 @@ class Ccom {
   // key "Bits" of the configuration file; the identity when missing or malformed).
   uint8_t abyPrivilegedBits[32] = {};
 
+  // --- data, information, control, stream, raw and privileged methods ---------------------
+  // Set: the next kavEnterPrivilegedMode starts a new exchange; clear: its response was sent
+  // and the answer is still awaited. One flag for the whole process.
+  static std::atomic<bool> bNewPrivilegedExchange;
+
+  // SetPort and GetPort copy only within this area: their address is an offset into it.
+  static constexpr int32_t kPortAreaSize = 0x10000;
+  std::unique_ptr<uint8_t[]> pPortArea = std::make_unique<uint8_t[]>(kPortAreaSize);
+
  private:
   void Construct(const std::string& directory);
 
@@ -92,6 +102,41 @@ class Ccom {
                 RequestFailure onRequestFailure, uint32_t* methodReturn);
 
   void WriteConfigInt(const char* key, int32_t value);
+
+  // --- data, information, control, stream, raw and privileged methods ---------------------
+  // The frame of a method whose only behaviour is one exchange: traces "<name>-->" and
+  // "<name><--", and talks to the gateway only when nDemo is 0.
+  uint32_t RunExchangeMethod(const char* name, uint32_t serviceCode, const void* requestData,
+                             const int32_t* requestCount, int32_t* values, int32_t* count,
+                             size_t capacity, int32_t* error, RequestFailure onRequestFailure);
+
+  // Text answers (one character per data byte, at most 200) copied without a terminating
+  // zero; with a demoKey, demonstration mode reads that key of section "Station".
+  uint32_t StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
+                        int32_t* error);
+
+  // Demonstration file access (integers default to 255, texts to "Fehler").
+  int32_t DemoInt(const char* section, const char* key) const;
+  std::string DemoText(const char* section, const char* key, uint32_t bufferSize) const;
+  void DemoWrite(const char* section, const char* key, const std::string& value) const;
+
+  // Module identifiers of the demonstration station into plData; false when the file is
+  // incomplete, after *plError and (for a bad identifier) the count have been set.
+  bool DemoModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) const;
+
+  // Bit strings of the demonstration file packed into bytes (at most kDemoResultSize), and
+  // the caller's bytes written back into them.
+  static constexpr int32_t kDemoResultSize = 200;
+  int32_t DemoReadBits(const char* keyFormat, int32_t first, int32_t last, bool dashSkips,
+                       uint8_t* result) const;
+  int32_t DemoAnimatedInputs(uint8_t* result);
+  void DemoWriteBits(const char* keyFormat, int32_t first, int32_t last, bool dashSkips,
+                     const int32_t* data, int32_t count) const;
+
+  // Section "DiagList" of the configuration file: the module layout of the last live module
+  // list, and the last live diagnosis split by it.
+  void RecordModuleLayout(const int32_t* identifiers, int32_t count);
+  void RecordDiagnosis(const int32_t* bytes, int32_t count);
 };
 
 }  // namespace tamrik

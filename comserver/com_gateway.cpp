@@ -1,4 +1,8 @@
 // Gateway information and control methods.
+#include <algorithm>
+#include <cstring>
+#include <string>
+
 #include "ResultCodes.h"
 #include "com.h"
 #include "platform/Platform.h"
@@ -6,13 +10,130 @@
 namespace tamrik {
 
 namespace {
+
+constexpr uint32_t kServiceModuleList = 0x001;
+constexpr uint32_t kServiceFbiReset = 0x00D;
+constexpr uint32_t kServiceFbiStart = 0x00E;
+constexpr uint32_t kServiceModuleSWRev = 0x012;
+constexpr uint32_t kServiceModuleTyp = 0x013;
+constexpr uint32_t kServiceClearTRBuffer = 0x015;
+constexpr uint32_t kServiceGetTRBuffer = 0x016;
+constexpr uint32_t kServiceGatewayIdString = 0x100;
 constexpr uint32_t kServiceGatewayVersion = 0x101;
+constexpr uint32_t kServiceBootFunctionIdString = 0x102;
+constexpr uint32_t kServiceBootVersion = 0x103;
+constexpr uint32_t kServiceErrorList = 0x104;
+constexpr uint32_t kServiceGetOperationMode = 0x105;
+constexpr uint32_t kServiceSetOperationMode = 0x106;
+constexpr uint32_t kServiceVersionString = 0x109;
+constexpr uint32_t kServiceHardwareReset = 0x10A;
+constexpr uint32_t kServiceGatewayId = 0x10B;
+constexpr uint32_t kServiceStationAddress = 0x10C;
+constexpr uint32_t kServiceGatewayTime = 0x10F;
+constexpr uint32_t kServiceSwitches = 0x112;
+constexpr uint32_t kServiceLeds = 0x113;
+constexpr uint32_t kServiceBootFctsHwInfo = 0x114;
+// The gateway has no service of its own for the station address; the request goes out as
+// an operation-mode request carrying the address byte.
+constexpr uint32_t kServiceSetStationAddress = kServiceSetOperationMode;
+
+constexpr const char* kStation = "Station";
+
+constexpr size_t kStringCapacity = 200;
+constexpr int32_t kMaxDemoText = 0x10000;
+constexpr size_t kStationAddressCapacity = 8;
+constexpr int32_t kDemoErrorRecords = 3;
+constexpr int32_t kErrorRecordSize = 7;
+
+uint32_t LeadingHex(const char* text) {
+  uint32_t value = 0;
+  for (const char* p = text; *p != '\0'; ++p) {
+    int digit;
+    if (*p >= '0' && *p <= '9') digit = *p - '0';
+    else if (*p >= 'a' && *p <= 'f') digit = *p - 'a' + 10;
+    else if (*p >= 'A' && *p <= 'F') digit = *p - 'A' + 10;
+    else break;
+    value = (value << 4) | uint32_t(digit);
+  }
+  return value;
+}
+
+// Two 16-bit halves of a millisecond count as the demonstration file keeps them.
+uint32_t Halves(int32_t high, int32_t low) { return uint32_t(high) * 65536u + uint32_t(low); }
+
 }  // namespace
+
+uint32_t Ccom::RunExchangeMethod(const char* name, uint32_t serviceCode, const void* requestData,
+                                 const int32_t* requestCount, int32_t* values, int32_t* count,
+                                 size_t capacity, int32_t* error, RequestFailure onRequestFailure) {
+  TraceMethodFormat("%s-->", name);
+  if (nDemo == 0) {
+    int32_t work = 0;
+    int32_t workCount = 0;
+    if (values == nullptr) {
+      values = &work;
+      capacity = 1;
+    }
+    uint32_t methodReturn = 0;
+    if (!Exchange(serviceCode, requestData, requestCount, values, count != nullptr ? count : &workCount, capacity,
+                  error, onRequestFailure, &methodReturn)) {
+      return methodReturn;
+    }
+  }
+  TraceMethodFormat("%s<--", name);
+  *error = 0;
+  return 0;
+}
+
+// --- identity strings ----------------------------------------------------------------------
+
+uint32_t Ccom::StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
+                            int32_t* error) {
+  TraceMethodFormat("%s-->", name);
+  if (nDemo == 1 && demoKey != nullptr) {
+    // The count on entry is the caller's buffer size, terminating zero included.
+    const std::string value = DemoText(kStation, demoKey, uint32_t(std::clamp(*size, 0, kMaxDemoText)));
+    memcpy(text, value.data(), value.size());
+    *size = int32_t(value.size());
+  } else if (nDemo == 0) {
+    int32_t work[kStringCapacity] = {};
+    int32_t count = 0;
+    uint32_t methodReturn = 0;
+    if (!Exchange(serviceCode, nullptr, nullptr, work, &count, kStringCapacity, error, RequestFailure::ReturnZero,
+                  &methodReturn)) {
+      return methodReturn;
+    }
+    // An answer of a code that delivers nothing still reports its length; never more than
+    // the work buffer holds.
+    count = std::clamp(count, 0, int32_t(kStringCapacity));
+    for (int32_t i = 0; i < count; ++i) text[i] = char(work[i]);
+    *size = count;
+  }
+  TraceMethodFormat("%s<--", name);
+  *error = 0;
+  return 0;
+}
+
+uint32_t Ccom::kaVGetGatewayIdSring(char* psDataa, int32_t* plSizeOfData, int32_t* plError) {
+  return StringMethod("kaVGetGatewayIdSring", kServiceGatewayIdString, "GWIdString", psDataa, plSizeOfData, plError);
+}
+
+uint32_t Ccom::kaVGetGatewayBootFunctionIdString(char* psData, int32_t* plSizeOfData, int32_t* plError) {
+  return StringMethod("kaVGetGatewayBootFunctionIdString", kServiceBootFunctionIdString, "GWBootID", psData,
+                      plSizeOfData, plError);
+}
+
+uint32_t Ccom::kaVGetGatewayVersionString(char* psGWVersionString, int32_t* plSizeOfData, int32_t* plError) {
+  return StringMethod("kaVGetGatewayVersionString", kServiceVersionString, "GWVersionString", psGWVersionString,
+                      plSizeOfData, plError);
+}
+
+// --- versions, switches, mode ----------------------------------------------------------------
 
 uint32_t Ccom::kaVGetGatewayVersion(int32_t* plData, int32_t* plError) {
   TraceMethod("kavGetGatewayVersion-->");
   if (nDemo == 1) {
-    *plData = int32_t(platform::ProfileGetInt("Station", "GWVersion", 255, szDemoFile));
+    *plData = DemoInt(kStation, "GWVersion");
   } else if (nDemo == 0) {
     // The answer fills the two low bytes; the caller's upper bytes stay.
     int32_t count = 0;
@@ -25,6 +146,250 @@ uint32_t Ccom::kaVGetGatewayVersion(int32_t* plData, int32_t* plError) {
   TraceMethod("kavGetGatewayVersion<--");
   *plError = 0;
   return 0;
+}
+
+uint32_t Ccom::kaVGetGatewayBootVersion(int32_t* plData, int32_t* plError) {
+  if (nDemo == 1) {
+    TraceMethod("kaVGetGatewayBootVersion-->");
+    *plData = DemoInt(kStation, "GWBootVersion");
+    TraceMethod("kaVGetGatewayBootVersion<--");
+    *plError = 0;
+    return 0;
+  }
+  return RunExchangeMethod("kaVGetGatewayBootVersion", kServiceBootVersion, nullptr, nullptr, plData, nullptr, 1,
+                           plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVGetCurrentGwSwitches(int32_t* plSwitch, int32_t* plError) {
+  return RunExchangeMethod("kaVGetCurrentGwSwitches", kServiceSwitches, nullptr, nullptr, plSwitch, nullptr, 1,
+                           plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVGetGatewayOperationMode(int32_t* plOPMode, int32_t* plError) {
+  if (nDemo == 1) {
+    TraceMethod("kaVGetGatewayOperationMode-->");
+    *plOPMode = DemoInt(kStation, "GWOPMode");
+    TraceMethod("kaVGetGatewayOperationMode<--");
+    *plError = 0;
+    return 0;
+  }
+  return RunExchangeMethod("kaVGetGatewayOperationMode", kServiceGetOperationMode, nullptr, nullptr, plOPMode,
+                           nullptr, 1, plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVSetGatewayOperationMode(int32_t* plOPMode, int32_t* plError) {
+  pComPort->ChangeTimings(false);
+  if (nDemo == 1) {
+    TraceMethod("kaVSetGatewayOperationMode-->");
+    // The demonstration gateway knows the modes 1 and 2 only.
+    if (*plOPMode == 1 || *plOPMode == 2) DemoWrite(kStation, "GWOPMode", std::to_string(*plOPMode));
+    TraceMethod("kaVSetGatewayOperationMode<--");
+    *plError = 0;
+    return 0;
+  }
+  return RunExchangeMethod("kaVSetGatewayOperationMode", kServiceSetOperationMode, plOPMode, nullptr, plOPMode,
+                           nullptr, 1, plError, RequestFailure::ReturnZero);
+}
+
+// --- identifier, station address, clock --------------------------------------------------------
+
+uint32_t Ccom::kaVGetGatewayId(int32_t* plGatewayId, int32_t* plError) {
+  pComPort->ChangeTimings(false);
+  TraceMethod("kaVGetGatewayId-->");
+  if (nDemo == 1) {
+    const std::string id = DemoText(kStation, "GatewayId", 10);
+    if (id.size() != 8) {
+      *plError = int32_t(rc::kDemoBadGatewayId);
+      return 0;
+    }
+    *plGatewayId = int32_t(LeadingHex(id.c_str()));
+  } else if (nDemo == 0) {
+    int32_t count = 0;
+    uint32_t methodReturn = 0;
+    if (!Exchange(kServiceGatewayId, nullptr, nullptr, plGatewayId, &count, 1, plError,
+                  RequestFailure::ReturnZero, &methodReturn)) {
+      return methodReturn;
+    }
+  }
+  TraceMethod("kaVGetGatewayId<--");
+  *plError = 0;
+  return 0;
+}
+
+uint32_t Ccom::kaVGetStationAddress(int32_t* plAddress, int32_t* plError) {
+  TraceMethod("kaVGetStationAddress-->");
+  if (nDemo == 1) {
+    *plAddress = DemoInt(kStation, "GWStationAddress");
+  } else if (nDemo == 0) {
+    int32_t work[kStationAddressCapacity] = {};
+    int32_t count = 0;
+    uint32_t methodReturn = 0;
+    if (!Exchange(kServiceStationAddress, nullptr, nullptr, work, &count, kStationAddressCapacity, plError,
+                  RequestFailure::ReturnZero, &methodReturn)) {
+      return methodReturn;
+    }
+    // One byte is a short address; four or more give a long one. Anything else is no address.
+    if (count == 1) {
+      *plAddress = uint8_t(work[0]);
+    } else if (count >= 4) {
+      *plAddress = int32_t(uint32_t(uint8_t(work[0])) | (uint32_t(uint8_t(work[1])) << 8) |
+                           (uint32_t(uint8_t(work[2])) << 16) | (uint32_t(uint8_t(work[3])) << 24));
+    }
+  }
+  TraceMethod("kaVGetStationAddress<--");
+  *plError = 0;
+  return 0;
+}
+
+uint32_t Ccom::kaVSetStationAddress(int32_t* plAddress, int32_t* plError) {
+  return RunExchangeMethod("kaVSetStationAddress", kServiceSetStationAddress, plAddress, nullptr, plAddress, nullptr,
+                           1, plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVGetGatewayTime(int32_t* lDays, int32_t* lHours, int32_t* lMinutes, int32_t* lSeconds,
+                                 int32_t* plError) {
+  TraceMethod("kaVGetGatewayTime-->");
+  int32_t parts[4] = {};
+  bool deliver = false;
+  if (nDemo == 1) {
+    const protocol::MillisecondParts t =
+        protocol::MillisecondSplit(Halves(DemoInt(kStation, "TimeA"), DemoInt(kStation, "TimeB")));
+    parts[0] = int32_t(t.days);
+    parts[1] = int32_t(t.hours);
+    parts[2] = int32_t(t.minutes);
+    parts[3] = int32_t(t.seconds);
+    deliver = true;
+  } else if (nDemo == 0) {
+    int32_t count = 0;
+    uint32_t methodReturn = 0;
+    if (!Exchange(kServiceGatewayTime, nullptr, nullptr, parts, &count, 4, plError, RequestFailure::ReturnZero,
+                  &methodReturn)) {
+      return methodReturn;
+    }
+    deliver = true;
+  }
+  if (deliver) {
+    *lDays = parts[0];
+    *lHours = parts[1];
+    *lMinutes = parts[2];
+    *lSeconds = parts[3];
+  }
+  TraceMethod("kaVGetGatewayTime<--");
+  *plError = 0;
+  return 0;
+}
+
+// --- error list ------------------------------------------------------------------------------
+
+uint32_t Ccom::kaVGetGatewayErrorList(int32_t* plEntrys, int32_t* plErrorData, int32_t* plSizeOfErrBuf,
+                                      int32_t* plError) {
+  TraceMethod("kaVGetGatewayErrorList-->");
+  const int32_t capacity = std::max(*plSizeOfErrBuf, 0);
+  if (nDemo == 1) {
+    *plEntrys = DemoInt(kStation, "GWErrors");
+    // Only records that fit whole in the caller's buffer are written.
+    static constexpr const char* kKeys[kDemoErrorRecords][3] = {
+        {"Error1", "Errdur1a", "Errdur1b"}, {"Error2", "Errdur2a", "Errdur2b"}, {"Error3", "Errdur3a", "Errdur3b"}};
+    for (int32_t n = 0; n < kDemoErrorRecords && (n + 1) * kErrorRecordSize <= capacity; ++n) {
+      const protocol::MillisecondParts d =
+          protocol::MillisecondSplit(Halves(DemoInt(kStation, kKeys[n][1]), DemoInt(kStation, kKeys[n][2])));
+      int32_t* record = plErrorData + n * kErrorRecordSize;
+      record[0] = kErrorRecordSize;
+      record[1] = DemoInt(kStation, kKeys[n][0]);
+      record[2] = int32_t(d.days);
+      record[3] = int32_t(d.hours);
+      record[4] = int32_t(d.minutes);
+      record[5] = int32_t(d.seconds);
+      record[6] = int32_t(d.milliseconds);
+    }
+  } else if (nDemo == 0) {
+    uint32_t result = pComPort->GenerateService(kServiceErrorList, nullptr, nullptr);
+    if (result != 0) {
+      *plError = int32_t(result);
+      return 0;
+    }
+    std::fill_n(plErrorData, capacity, 0);
+    result = pComPort->AnswerReception(kServiceErrorList, plErrorData, plEntrys, size_t(capacity));
+    if (result != 0) {
+      *plError = int32_t(result);
+      return rc::kAnswerFailed;
+    }
+  }
+  TraceMethod("kaVGetGatewayErrorList<--");
+  *plError = 0;
+  return 0;
+}
+
+// --- module lists --------------------------------------------------------------------------
+
+uint32_t Ccom::kaVGetModulIdStatusList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  TraceMethod("kaVGetModulIdStatusList-->");
+  if (nDemo == 1) {
+    if (!DemoModuleList(plData, plSizeOfData, plError)) return 0;
+  } else if (nDemo == 0) {
+    // Values stay whole: identifier in the upper three bytes, status in the lowest.
+    uint32_t methodReturn = 0;
+    if (!Exchange(kServiceModuleList, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
+                  RequestFailure::ReturnZero, &methodReturn)) {
+      return methodReturn;
+    }
+  }
+  TraceMethod("kaVGetModulIdStatusList<--");
+  *plError = 0;
+  return 0;
+}
+
+uint32_t Ccom::kaVGetModuleSWRev(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  return RunExchangeMethod("kaVGetModuleSWRev", kServiceModuleSWRev, nullptr, nullptr, plData, plSizeOfData,
+                           protocol::kUnbounded, plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVGetModuleTyp(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  return RunExchangeMethod("kaVGetModuleTyp", kServiceModuleTyp, nullptr, nullptr, plData, plSizeOfData,
+                           protocol::kUnbounded, plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kavGetBootFctsHwInfo(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  return RunExchangeMethod("kavGetBootFctsHwInfo", kServiceBootFctsHwInfo, nullptr, nullptr, plData, plSizeOfData,
+                           protocol::kUnbounded, plError, RequestFailure::ReturnZero);
+}
+
+// --- TR buffer -------------------------------------------------------------------------------
+
+uint32_t Ccom::kaVGetTRBuffer(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  if (!EnterBusy()) return rc::kBusy;
+  const uint32_t result = RunExchangeMethod("kaVGetTRBuffer", kServiceGetTRBuffer, nullptr, nullptr, plData,
+                                            plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnCode);
+  LeaveBusy();
+  return result;
+}
+
+uint32_t Ccom::kaVClearTRBuffer(int32_t* plError) {
+  return RunExchangeMethod("kaVClearTRBuffer", kServiceClearTRBuffer, nullptr, nullptr, nullptr, nullptr, 0, plError,
+                           RequestFailure::ReturnZero);
+}
+
+// --- control ---------------------------------------------------------------------------------
+
+uint32_t Ccom::kaVExecHardwareReset(int32_t* plError) {
+  pComPort->ChangeTimings(false);
+  return RunExchangeMethod("kaVExecHardwareReset", kServiceHardwareReset, nullptr, nullptr, nullptr, nullptr, 0,
+                           plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVGatewayFbiReset(int32_t* plError) {
+  return RunExchangeMethod("kaVGatewayFbiReset", kServiceFbiReset, nullptr, nullptr, nullptr, nullptr, 0, plError,
+                           RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVGatewayFbiStart(int32_t* plError) {
+  return RunExchangeMethod("kaVGatewayFbiStart", kServiceFbiStart, nullptr, nullptr, nullptr, nullptr, 0, plError,
+                           RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVSetGatewayLeds(int32_t* LEDStatus, int32_t* plError) {
+  return RunExchangeMethod("kaVSetGatewayLeds", kServiceLeds, LEDStatus, nullptr, LEDStatus, nullptr, 1, plError,
+                           RequestFailure::ReturnZero);
 }
 
 }  // namespace tamrik

@@ -1,0 +1,172 @@
+// Lower-level access: service monitoring, DeviceNet services, any service with caller-given
+// data, raw bytes on the line, and the driver's own memory area.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "ResultCodes.h"
+#include "com.h"
+
+namespace tamrik {
+
+namespace {
+
+constexpr uint32_t kServiceMonitorReset = 0x017;
+constexpr uint32_t kServiceMonitorStart = 0x018;
+constexpr uint32_t kServiceMonitorStop = 0x019;
+constexpr uint32_t kServiceFirstDataFrame = 0x01A;
+constexpr uint32_t kServiceNextDataFrame = 0x01B;
+constexpr uint32_t kServiceDNetSerialNumber = 0x902;
+constexpr uint32_t kServiceDNetToolIdent = 0x904;
+constexpr uint32_t kServiceDNetGetAttribute = 0x912;
+constexpr uint32_t kServiceDNetSetAttribute = 0x913;
+
+// The code that switches the link to polling instead of naming a service.
+constexpr int32_t kPollingSwitch = 0x10000;
+constexpr int32_t kMaxBlock = 65535;
+
+// Whether [address, address + size) lies inside the driver's memory area.
+bool InsidePortArea(int32_t address, int32_t size) {
+  return address >= 0 && size >= 0 && int64_t(address) + size <= Ccom::kPortAreaSize;
+}
+
+}  // namespace
+
+// --- raw bytes on the line -----------------------------------------------------------------
+
+uint32_t Ccom::kaVTestBlockRead(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  const int32_t size = *plSizeOfData;
+  if (size < 0 || size > kMaxBlock) {
+    if (nDemo == 0) *plError = int32_t(rc::kBadArgument);
+    return 0;
+  }
+  // Bytes that no read sets (demonstration mode, a failed or short read) arrive as 0.
+  std::vector<uint8_t> buffer(size_t(size), 0);
+  if (nDemo == 0) *plError = int32_t(pComPort->ReadStream(buffer.data(), size));
+  for (int32_t i = 0; i < size; ++i) plData[i] = int8_t(buffer[size_t(i)]);
+  return 0;
+}
+
+uint32_t Ccom::kaVTestBlockWrite(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  if (nDemo != 0) return 0;
+  const int32_t size = *plSizeOfData;
+  if (size < 0 || size > kMaxBlock) {
+    *plError = int32_t(rc::kBadArgument);
+    return 0;
+  }
+  std::vector<uint8_t> buffer(static_cast<size_t>(size));
+  for (int32_t i = 0; i < size; ++i) buffer[size_t(i)] = uint8_t(plData[i]);
+  *plError = int32_t(pComPort->WriteStream(buffer.data(), size));
+  return 0;
+}
+
+// --- service monitoring ----------------------------------------------------------------------
+
+uint32_t Ccom::kaVSrvMbResetMonitoring(int32_t* plError) {
+  return RunExchangeMethod("kaVSrvMbResetMonitoring", kServiceMonitorReset, nullptr, nullptr, nullptr, nullptr, 0,
+                           plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVSrvMbStartMonitoring(int32_t* plError) {
+  return RunExchangeMethod("tamrikSrvMbStartMonitoring", kServiceMonitorStart, nullptr, nullptr, nullptr, nullptr, 0,
+                           plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVSrvMbStopMonitoring(int32_t* plError) {
+  return RunExchangeMethod("kaVSrvMbStopMonitoring", kServiceMonitorStop, nullptr, nullptr, nullptr, nullptr, 0,
+                           plError, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVSrvGetFirstDataFrame(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  return RunExchangeMethod("kaVSrvGetFirstDataFrame", kServiceFirstDataFrame, plData, plSizeOfData, plData,
+                           plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnCode);
+}
+
+uint32_t Ccom::kaVSrvGetNextDataFrame(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
+  return RunExchangeMethod("kaVSrvGetNextDataFrame", kServiceNextDataFrame, plData, plSizeOfData, plData,
+                           plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnCode);
+}
+
+// --- DeviceNet -------------------------------------------------------------------------------
+
+uint32_t Ccom::kaVSrvDNetGetEEPDNetSerialNumber(int32_t* lSerialNumber, int32_t* Error) {
+  return RunExchangeMethod("kaVSrvDNetGetEEPDNetSerialNumber", kServiceDNetSerialNumber, nullptr, nullptr,
+                           lSerialNumber, nullptr, 1, Error, RequestFailure::ReturnZero);
+}
+
+uint32_t Ccom::kaVSrvDNetGetEEPToolIdent(char* psIdentName, int32_t* plSizeOfData, int32_t* Error) {
+  return StringMethod("kaVSrvDNetGetEEPToolIdent", kServiceDNetToolIdent, nullptr, psIdentName, plSizeOfData, Error);
+}
+
+uint32_t Ccom::kaVSrvDNetGetClassInstAttr(int32_t* plData, int32_t* plSizeOfData, int32_t* Error) {
+  return RunExchangeMethod("kaVSrvDNetGetClassInstAttr", kServiceDNetGetAttribute, plData, plSizeOfData, plData,
+                           plSizeOfData, protocol::kUnbounded, Error, RequestFailure::ReturnCode);
+}
+
+uint32_t Ccom::kaVSrvDNetSetClassInstAttr(int32_t* plData, int32_t* plSizeOfData, int32_t* Error) {
+  return RunExchangeMethod("kaVSrvDNetSetClassInstAttr", kServiceDNetSetAttribute, plData, plSizeOfData, plData,
+                           plSizeOfData, protocol::kUnbounded, Error, RequestFailure::ReturnCode);
+}
+
+// --- the driver's memory area ------------------------------------------------------------------
+// The address is an offset into the area; a copy that would leave it copies nothing.
+
+uint32_t Ccom::SetPort(int16_t* plData, int32_t* plSize, int32_t* plAddress, int32_t* Error) {
+  const int32_t size = *plSize;
+  const int32_t address = *plAddress;
+  if (size > 0 && InsidePortArea(address, size)) memcpy(pPortArea.get() + address, plData, size_t(size));
+  return 0;
+}
+
+uint32_t Ccom::GetPort(int16_t* plData, int32_t* plSize, int32_t* plAddress, int32_t* Error) {
+  const int32_t size = *plSize;
+  const int32_t address = *plAddress;
+  if (size > 0 && InsidePortArea(address, size)) memcpy(plData, pPortArea.get() + address, size_t(size));
+  return 0;
+}
+
+// --- any service -----------------------------------------------------------------------------
+
+uint32_t Ccom::kaVDoService(int32_t* service, uint8_t* plData, int32_t* plSizeOfSendData, int32_t* plSizeOfRecData,
+                            int32_t* plError) {
+  if (*service == kPollingSwitch) {
+    // From now on socket reads return at once when no answer has begun to arrive, and the
+    // host calls again to collect it.
+    pComPort->bPolling = 1;
+    pComPort->bWriteActive = 0;
+    *service |= protocol::kAnswerBit;
+    return 0;
+  }
+  TraceMethod("kaVDoService-->");
+  if (nDemo == 1) return 0;
+  if (nDemo == 0) {
+    // Every code goes out as a raw request, the code 0 included: the data travel unchanged
+    // and the answer is taken as it comes, whatever its code.
+    const uint32_t rawCode = protocol::kRawServiceBase + (uint32_t(*service) & 0xFFFF);
+    uint32_t result = pComPort->GenerateService(rawCode, plData, plSizeOfSendData);
+    if (result != 0) {
+      *plError = int32_t(result);
+      return 0;
+    }
+    const size_t capacity = size_t(std::clamp(*plSizeOfRecData, 0, kMaxBlock));
+    std::vector<int32_t> values(capacity);
+    int32_t count = 0;
+    result = pComPort->AnswerReception(rawCode, values.data(), &count, capacity);
+    if (result < rc::kRawAnswerBase || result > rc::kRawAnswerBase + 0xFFFF) {
+      TraceMethod("kaVDoService<--");
+      *plSizeOfRecData = 0;
+      *plError = int32_t(result);
+      return result;
+    }
+    count = std::clamp(count, 0, int32_t(capacity));
+    for (int32_t i = 0; i < count; ++i) plData[i] = uint8_t(values[size_t(i)]);
+    *plSizeOfRecData = count;
+    // A refusal is an answer too: the host reads it from the code.
+    *service = int32_t(result - rc::kRawAnswerBase);
+  }
+  TraceMethod("kaVDoService<--");
+  *plError = 0;
+  return 0;
+}
+
+}  // namespace tamrik
