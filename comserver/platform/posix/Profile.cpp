@@ -179,12 +179,12 @@ uint32_t CopyNameList(const std::vector<std::string_view>& names, char* buffer, 
   for (std::string_view name : names) {
     if (static_cast<uint64_t>(pos) + name.size() + 1 >= size) {
       size_t fit = size - 2 - pos;
-      std::memcpy(buffer + pos, name.data(), fit);
+      if (fit > 0) std::memcpy(buffer + pos, name.data(), fit);
       buffer[size - 2] = '\0';
       buffer[size - 1] = '\0';
       return size - 2;
     }
-    std::memcpy(buffer + pos, name.data(), name.size());
+    if (!name.empty()) std::memcpy(buffer + pos, name.data(), name.size());
     pos += static_cast<uint32_t>(name.size());
     buffer[pos++] = '\0';
   }
@@ -195,7 +195,7 @@ uint32_t CopyNameList(const std::vector<std::string_view>& names, char* buffer, 
 
 uint32_t CopyString(std::string_view value, char* buffer, uint32_t size) {
   size_t n = value.size() < size - 1 ? value.size() : size - 1;
-  std::memcpy(buffer, value.data(), n);
+  if (n > 0) std::memcpy(buffer, value.data(), n);
   buffer[n] = '\0';
   return static_cast<uint32_t>(n);
 }
