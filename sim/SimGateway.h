@@ -40,6 +40,17 @@ struct AnswerFault {
   // Send the answer bytes at this line speed (10 bits per byte). UDP: the datagram goes out
   // when the last byte would have.
   uint32_t paceBaud = 0;
+
+  // Chainable setters: sim.FaultNextAnswer(AnswerFault().Noise(3).Delay(50)).
+  AnswerFault& Noise(uint32_t bytes) { noiseBytes = bytes; return *this; }
+  AnswerFault& Corrupt() { corruptCheckValue = true; return *this; }
+  AnswerFault& Refuse(Refusal r = {}) { refusal = r; return *this; }
+  AnswerFault& Silent() { silence = true; return *this; }
+  AnswerFault& Delay(uint32_t ms) { delayMs = ms; return *this; }
+  AnswerFault& Truncate(uint32_t bytes) { truncateTo = bytes; return *this; }
+  AnswerFault& Late(uint32_t ms) { lateMs = ms; return *this; }
+  AnswerFault& Drop() { dropConnection = true; return *this; }
+  AnswerFault& Pace(uint32_t baud) { paceBaud = baud; return *this; }
 };
 
 struct FaultSettings {

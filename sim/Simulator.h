@@ -4,7 +4,7 @@
 //
 //   tamrik::sim::Simulator sim;
 //   const uint16_t port = sim.StartTcp();          // 127.0.0.1, ephemeral port
-//   sim.FaultNextAnswer({.noiseBytes = 3});
+//   sim.FaultNextAnswer(AnswerFault().Noise(3));
 //   ... the driver under test talks to 127.0.0.1:port ...
 //   sim.WaitForRequests(1, 1000);
 #pragma once

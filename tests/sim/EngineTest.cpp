@@ -227,7 +227,7 @@ TEST(SimEngine, PrivilegedCheckAcceptsOnlyTheRightResponseOnce) {
 }
 
 TEST(SimEngine, ImageSinkAssemblesAnnouncedBlocks) {
-  const std::string path = ::testing::TempDir() + "tamrik_sim_image.bin";
+  const std::string path = TempPath("tamrik_sim_image.bin");
   std::remove(path.c_str());
   Station s = DefaultStation();
   s.imageFile = path;

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "SimFrame.h"
 
 namespace tamrik::sim::test {
@@ -38,6 +40,11 @@ inline std::string ToHex(const Bytes& b) {
     out += buf;
   }
   return out;
+}
+
+// A path in the test's temporary directory that no other test process uses at the same time.
+inline std::string TempPath(const std::string& name) {
+  return ::testing::TempDir() + name + "_" + std::to_string(getpid());
 }
 
 inline Bytes Request(uint16_t code, const Bytes& data = {}) { return BuildFrame(code, data); }
@@ -79,6 +86,15 @@ class FdClient {
       out.insert(out.end(), buf, buf + got);
     }
     return out;
+  }
+
+  // What one read returns once something is there, or nothing after timeoutMs.
+  Bytes ReadSome(int timeoutMs) {
+    pollfd p{fd_, POLLIN, 0};
+    if (poll(&p, 1, timeoutMs) <= 0) return {};
+    uint8_t buf[4096];
+    const ssize_t got = read(fd_, buf, sizeof buf);
+    return got > 0 ? Bytes(buf, buf + got) : Bytes{};
   }
 
   // Reads one answer frame (skipping nothing): header first, then the rest.
