@@ -79,13 +79,13 @@ Delivery Gateway::Serve(const ParsedFrame& request, LinkKind link) {
     } else {
       std::optional<Answer> answer;
       const auto refusal = faults_.refusals.find(request.code);
-      const auto override = overrides_.find(request.code);
+      const auto scripted = overrides_.find(request.code);
       if (f.refusal)
         answer = RefusalAnswer(request.code, *f.refusal);
       else if (refusal != faults_.refusals.end())
         answer = RefusalAnswer(request.code, refusal->second);
-      else if (override != overrides_.end())
-        answer = Answer{uint16_t(request.code + 0x4000), override->second};
+      else if (scripted != overrides_.end())
+        answer = Answer{uint16_t(request.code + 0x4000), scripted->second};
       else
         answer = engine_.Respond(request.code, request.data);
 
@@ -130,7 +130,7 @@ Delivery Gateway::Serve(const ParsedFrame& request, LinkKind link) {
 
     if (sink_) {
       char head[96];
-      std::snprintf(head, sizeof head, "%10.3f %-6s 0x%04X [%zu]", 
+      std::snprintf(head, sizeof head, "%10.3f %-6s 0x%04X [%zu]",
                     std::chrono::duration<double>(r.time - start_).count(), LinkName(link), r.code,
                     r.data.size());
       line = head;

@@ -27,10 +27,10 @@ namespace tamrik::sim {
 struct AnswerFault {
   uint32_t noiseBytes = 0;         // bytes ahead of the start byte, none of them 0xAA
   bool corruptCheckValue = false;  // the check value's low byte inverted
-  std::optional<Refusal> refusal;  // refuse whatever the request was
+  std::optional<Refusal> refusal{};  // refuse whatever the request was
   bool silence = false;            // no answer at all
   uint32_t delayMs = 0;            // wait this long before answering, answers stay in order
-  std::optional<uint32_t> truncateTo;  // send only the first k bytes of the frame
+  std::optional<uint32_t> truncateTo{};  // send only the first k bytes of the frame
   // Hold the answer back and send it this many ms later on its own, so that it arrives
   // after the host has given up on it, while it waits for the answer to a later request.
   uint32_t lateMs = 0;

@@ -44,7 +44,7 @@ struct ErrorEntry {
 // 0xC000); the answer carries no data, or the one byte given.
 struct Refusal {
   uint16_t base = 0x8000;
-  std::optional<uint8_t> data;
+  std::optional<uint8_t> data{};
 };
 
 struct Station {

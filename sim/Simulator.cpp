@@ -45,11 +45,20 @@ std::string Simulator::StartPty(const std::string& linkPath) {
 }
 
 void Simulator::Stop() {
-  std::lock_guard lock(linksMutex_);
-  // Each link's destructor stops its thread before it closes the link's descriptors.
-  tcp_.reset();
-  udp_.reset();
-  pty_.reset();
+  std::unique_ptr<detail::TcpLink> tcp;
+  std::unique_ptr<detail::UdpLink> udp;
+  std::unique_ptr<detail::PtyLink> pty;
+  {
+    std::lock_guard lock(linksMutex_);
+    tcp = std::move(tcp_);
+    udp = std::move(udp_);
+    pty = std::move(pty_);
+  }
+  // Joined outside the lock: a log sink on a link thread may still ask for a port. Each
+  // link's destructor stops its thread before it closes the link's descriptors.
+  tcp.reset();
+  udp.reset();
+  pty.reset();
 }
 
 uint16_t Simulator::TcpPort() const {
