@@ -159,12 +159,8 @@ TEST(LiveGatewayMethods, InformationFromTheDefaultStation) {
 
   char text[256];
   int32_t size = 0;
-  EXPECT_EQ(com.kaVGetGatewayIdSring(text, &size, &error), 0u);
-  EXPECT_EQ(std::string(text, size_t(size)), "TAMRIK-SIM GW-1");
   EXPECT_EQ(com.kaVGetGatewayBootFunctionIdString(text, &size, &error), 0u);
   EXPECT_EQ(std::string(text, size_t(size)), "TAMRIK-SIM BOOT");
-  EXPECT_EQ(com.kaVGetGatewayVersionString(text, &size, &error), 0u);
-  EXPECT_EQ(std::string(text, size_t(size)), "TAMRIK-SIM 1.2.0");
 
   // 16-bit answers fill the two low bytes and keep the caller's upper two.
   int32_t value = int32_t(0xFFFFFFFF);
