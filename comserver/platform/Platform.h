@@ -76,8 +76,9 @@ struct SerialTimeouts {
 };
 void SerialSetTimeouts(SerialDevice* device, const SerialTimeouts& timeouts);
 
-// One synchronous transfer of exactly length bytes. False when the transfer failed; else
-// *done tells how many bytes were moved (fewer on a read time-out).
+// One synchronous transfer of exactly length bytes. False when the transfer failed (also
+// when the line hung up, e.g. the other end of a pseudo-terminal closed); else *done tells
+// how many bytes were moved (fewer on a read time-out).
 bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t* done);
 bool SerialWrite(SerialDevice* device, const uint8_t* buffer, uint32_t length, uint32_t* done);
 
@@ -104,7 +105,9 @@ int32_t SocketSend(SocketHandle s, const uint8_t* buffer, uint32_t length);
 
 // Receives at most length bytes (one datagram on a datagram socket) without waiting when the
 // socket is non-blocking: the number of bytes, or minus the error (minus 10035 when nothing
-// is there; minus 10040 when a datagram was longer than length and was cut).
+// is there; minus 10040 when a datagram was longer than length and was cut). 0 on a stream
+// socket means the peer closed the connection; what that is worth is the caller's call. A
+// connection that failed (refused, reset) reports so to every later send and receive.
 int32_t SocketRecv(SocketHandle s, uint8_t* buffer, uint32_t length);
 
 // Waits until the socket has data or an error to report, at most timeoutMs: 1 ready,

@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -264,12 +265,23 @@ TEST_F(SerialTest, ReadEndsWhenTheLineFallsSilentAfterTheFirstByte) {
   EXPECT_GE(elapsed, 300 + 40 + 100);
   EXPECT_LT(elapsed, 440 + kSlack);
 
-  // An interval without any total limit ends too, and only by the interval.
+  // An interval without any total limit ends too, and only by the interval. Should it
+  // not, the watchdog completes the read after two seconds instead of letting it hang.
   SerialSetTimeouts(device_, {150, 0, 0});
   MasterWrite("xyz");
+  std::atomic<bool> finished{false};
+  std::thread watchdog([this, &finished] {
+    for (int i = 0; i < 40 && !finished; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    if (!finished) MasterWrite("1234567");
+  });
   start = Clock::now();
-  ASSERT_TRUE(SerialRead(device_, buffer, 10, &done));
+  ok = SerialRead(device_, buffer, 10, &done);
   elapsed = MsSince(start);
+  finished = true;
+  watchdog.join();
+  ASSERT_TRUE(ok);
   EXPECT_EQ(done, 3u);
   EXPECT_GE(elapsed, 150);
   EXPECT_LT(elapsed, 150 + kSlack);

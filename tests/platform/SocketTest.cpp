@@ -53,11 +53,6 @@ int AcceptOne(int listener) {
   return ::accept(listener, nullptr, nullptr);
 }
 
-// Waits at most two seconds until the connect of s has completed.
-void WaitConnected(SocketHandle s) {
-  pollfd p{static_cast<int>(s), POLLOUT, 0};
-  ASSERT_EQ(::poll(&p, 1, 2000), 1);
-}
 
 TEST(Socket, RefusedConnectionIsReportedByEveryLaterCall) {
   EXPECT_EQ(NetStartup(2, 2), 0);
@@ -107,7 +102,7 @@ TEST(Socket, StreamExchangeWaitsAndReportsThePeer) {
   EXPECT_TRUE(result == 0 || result == wsa::kWouldBlock) << result;
   int peer = AcceptOne(listener);
   ASSERT_GE(peer, 0);
-  WaitConnected(s);
+  SocketWaitConnected(s, 2000);
 
   // Nothing there yet: would block at once, and a wait runs out its time.
   uint8_t buffer[16];
@@ -157,7 +152,7 @@ TEST(Socket, StreamExchangeWaitsAndReportsThePeer) {
   SocketConnect(s, kLoopback, LocalPort(listener));
   peer = AcceptOne(listener);
   ASSERT_GE(peer, 0);
-  WaitConnected(s);
+  SocketWaitConnected(s, 2000);
   linger abort{1, 0};
   ASSERT_EQ(::setsockopt(peer, SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
   ::close(peer);
@@ -166,6 +161,47 @@ TEST(Socket, StreamExchangeWaitsAndReportsThePeer) {
   EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kConnReset);
   EXPECT_EQ(SocketSend(s, buffer, 1), -wsa::kConnReset);
   SocketClose(s);
+  ::close(listener);
+}
+
+TEST(Socket, ConnectWaitEndsWithTheConnectionOrItsTime) {
+  // A backlog of 0 takes one connection; the next one's handshake stays unanswered.
+  int listener = PlainSocket(SOCK_STREAM, false);
+  ASSERT_EQ(::listen(listener, 0), 0);
+  uint16_t port = LocalPort(listener);
+
+  SocketHandle first = SocketCreate(false);
+  SocketSetNonBlocking(first);
+  SocketConnect(first, kLoopback, port);
+  auto start = Clock::now();
+  SocketWaitConnected(first, 2000);
+  EXPECT_LT(MsSince(start), 1000);
+  EXPECT_EQ(SocketSend(first, reinterpret_cast<const uint8_t*>("x"), 1), 1);
+
+  SocketHandle second = SocketCreate(false);
+  SocketSetNonBlocking(second);
+  SocketConnect(second, kLoopback, port);
+  start = Clock::now();
+  SocketWaitConnected(second, 200);
+  int64_t elapsed = MsSince(start);
+  EXPECT_GE(elapsed, 199);
+  EXPECT_LT(elapsed, 200 + 400);
+
+  // A refused connection ends the wait at once; the refusal comes with the next call.
+  int closed = PlainSocket(SOCK_STREAM, false);
+  SocketHandle refused = SocketCreate(false);
+  SocketSetNonBlocking(refused);
+  SocketConnect(refused, kLoopback, LocalPort(closed));
+  start = Clock::now();
+  SocketWaitConnected(refused, 2000);
+  EXPECT_LT(MsSince(start), 1000);
+  uint8_t buffer[4];
+  EXPECT_EQ(SocketSend(refused, buffer, 1), -wsa::kConnRefused);
+
+  SocketClose(first);
+  SocketClose(second);
+  SocketClose(refused);
+  ::close(closed);
   ::close(listener);
 }
 

@@ -275,6 +275,24 @@ int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs) {
   }
 }
 
+void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
+  int fd = Fd(s);
+  if (fd < 0) return;
+  // Writable once the connection is made, error and hang-up once it failed; the failure
+  // itself is left on the socket for the next send or receive to report.
+  const int64_t deadline = NowMs() + timeoutMs;
+  for (;;) {
+    int64_t left = deadline - NowMs();
+    if (left < 0) left = 0;
+    pollfd p{fd, POLLOUT, 0};
+    int r = ::poll(&p, 1, left > INT_MAX ? INT_MAX : static_cast<int>(left));
+    if (r < 0 && errno == EINTR) continue;
+    if (r < 0) FailErrno(errno);
+    if (r == 0 && left > INT_MAX) continue;
+    return;
+  }
+}
+
 void SocketClose(SocketHandle s) {
   int fd = Fd(s);
   if (fd < 0) return;
