@@ -1,0 +1,168 @@
+// Calls by name go through the type library's own Invoke, which checks and converts the
+// arguments and calls the vtable slot. Two kinds of argument it cannot take are put into
+// shape first, as script hosts pass them:
+//  - a text (BSTR) for a char* parameter: the method gets an 8-bit copy in a buffer with
+//    room for the longest text a method writes back;
+//  - a variable passed by reference as VARIANT* (VBScript) for a numeric pointer parameter:
+//    the method gets a pointer to a converted copy.
+// After the call, what the method wrote goes back into the caller's by-reference variables.
+#include <windows.h>
+#include <oleauto.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Module.h"
+
+namespace tamrik::server {
+
+namespace {
+
+// Longer than any text a method returns (at most 200 characters).
+constexpr size_t kTextRoom = 1024;
+
+struct FuncDescHolder {
+  ITypeInfo* info = nullptr;
+  FUNCDESC* desc = nullptr;
+  ~FuncDescHolder() {
+    if (desc != nullptr) info->ReleaseFuncDesc(desc);
+  }
+};
+
+// The description of the method with dispatch identifier id, or null.
+HRESULT FindFunction(ITypeInfo* info, DISPID id, FuncDescHolder* holder) {
+  TYPEATTR* attr = nullptr;
+  HRESULT hr = info->GetTypeAttr(&attr);
+  if (FAILED(hr)) return hr;
+  const WORD count = attr->cFuncs;
+  info->ReleaseTypeAttr(attr);
+  holder->info = info;
+  for (WORD i = 0; i < count; ++i) {
+    FUNCDESC* desc = nullptr;
+    if (FAILED(info->GetFuncDesc(i, &desc))) continue;
+    if (desc->memid == id) {
+      holder->desc = desc;
+      return S_OK;
+    }
+    info->ReleaseFuncDesc(desc);
+  }
+  return DISP_E_MEMBERNOTFOUND;
+}
+
+// The variant an argument stands for: the target of a VARIANT* passed by reference.
+VARIANT* Underlying(VARIANT* arg) {
+  if (V_VT(arg) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(arg) != nullptr) return V_VARIANTREF(arg);
+  return arg;
+}
+
+bool IsTextParameter(const TYPEDESC& type) {
+  return type.vt == VT_PTR && type.lptdesc != nullptr && type.lptdesc->vt == VT_I1;
+}
+
+VARTYPE NumericPointee(const TYPEDESC& type) {
+  if (type.vt != VT_PTR || type.lptdesc == nullptr) return VT_EMPTY;
+  const VARTYPE vt = type.lptdesc->vt;
+  return (vt == VT_I4 || vt == VT_I2 || vt == VT_UI1 || vt == VT_INT) ? vt : VARTYPE(VT_EMPTY);
+}
+
+// One argument replaced for the call, and where its result goes afterwards.
+struct Replacement {
+  size_t position = 0;           // index into rgvarg
+  VARIANT* writeBack = nullptr;  // the caller's variable, or null when passed by value
+  bool text = false;
+  std::vector<char> buffer;      // text
+  VARIANT value;                 // number
+};
+
+}  // namespace
+
+HRESULT InvokeFromTypeInfo(ITypeInfo* info, IcomVtable* object, DISPID id, WORD flags, DISPPARAMS* params,
+                           VARIANT* result, EXCEPINFO* exception, UINT* argError) {
+  if (params == nullptr || params->cArgs == 0 || params->cNamedArgs != 0 || !(flags & DISPATCH_METHOD)) {
+    return info->Invoke(object, id, flags, params, result, exception, argError);
+  }
+  FuncDescHolder func;
+  if (FAILED(FindFunction(info, id, &func))) {
+    return info->Invoke(object, id, flags, params, result, exception, argError);
+  }
+
+  std::vector<VARIANT> args(params->rgvarg, params->rgvarg + params->cArgs);
+  std::vector<std::unique_ptr<Replacement>> replaced;
+  const UINT declared = UINT(func.desc->cParams);
+  for (UINT i = 0; i < params->cArgs && i < declared; ++i) {
+    // rgvarg holds the arguments last to first.
+    const size_t position = params->cArgs - 1 - i;
+    VARIANT* given = &params->rgvarg[position];
+    VARIANT* value = Underlying(given);
+    const bool byRef = value != given || V_VT(given) == (VT_BYREF | VT_BSTR);
+    const TYPEDESC& type = func.desc->lprgelemdescParam[i].tdesc;
+
+    if (IsTextParameter(type)) {
+      const BSTR* text = nullptr;
+      if (V_VT(value) == VT_BSTR) text = &V_BSTR(value);
+      if (V_VT(value) == (VT_BYREF | VT_BSTR)) text = V_BSTRREF(value);
+      if (text == nullptr) continue;
+      auto r = std::make_unique<Replacement>();
+      r->position = position;
+      r->writeBack = byRef ? value : nullptr;
+      r->text = true;
+      const UINT length = *text != nullptr ? SysStringLen(*text) : 0;
+      const int bytes = length > 0 ? WideCharToMultiByte(CP_ACP, 0, *text, int(length), nullptr, 0, nullptr, nullptr) : 0;
+      r->buffer.assign(std::max<size_t>(size_t(bytes) + 1, kTextRoom), '\0');
+      if (bytes > 0) WideCharToMultiByte(CP_ACP, 0, *text, int(length), r->buffer.data(), bytes, nullptr, nullptr);
+      VariantInit(&args[position]);
+      V_VT(&args[position]) = VT_BYREF | VT_I1;
+      V_I1REF(&args[position]) = r->buffer.data();
+      replaced.push_back(std::move(r));
+      continue;
+    }
+
+    const VARTYPE pointee = NumericPointee(type);
+    if (pointee == VT_EMPTY || value == given) continue;  // only VARIANT* needs help here
+    auto r = std::make_unique<Replacement>();
+    r->position = position;
+    r->writeBack = value;
+    VariantInit(&r->value);
+    HRESULT hr = VariantChangeType(&r->value, value, 0, pointee);
+    if (FAILED(hr)) {
+      if (argError != nullptr) *argError = UINT(position);
+      return hr;
+    }
+    VariantInit(&args[position]);
+    V_VT(&args[position]) = VT_BYREF | pointee;
+    V_BYREF(&args[position]) = &V_NONE(&r->value);
+    replaced.push_back(std::move(r));
+  }
+
+  if (replaced.empty()) return info->Invoke(object, id, flags, params, result, exception, argError);
+
+  DISPPARAMS adapted = *params;
+  adapted.rgvarg = args.data();
+  const HRESULT hr = info->Invoke(object, id, flags, &adapted, result, exception, argError);
+  if (SUCCEEDED(hr)) {
+    for (const auto& r : replaced) {
+      if (r->writeBack == nullptr) continue;
+      if (r->text) {
+        const int wide = MultiByteToWideChar(CP_ACP, 0, r->buffer.data(), -1, nullptr, 0);
+        std::wstring text(size_t(wide > 0 ? wide : 1), L'\0');
+        if (wide > 0) MultiByteToWideChar(CP_ACP, 0, r->buffer.data(), -1, text.data(), wide);
+        BSTR copy = SysAllocString(text.c_str());
+        if (V_VT(r->writeBack) == (VT_BYREF | VT_BSTR)) {
+          SysFreeString(*V_BSTRREF(r->writeBack));
+          *V_BSTRREF(r->writeBack) = copy;
+        } else {
+          VariantClear(r->writeBack);
+          V_VT(r->writeBack) = VT_BSTR;
+          V_BSTR(r->writeBack) = copy;
+        }
+      } else {
+        VariantClear(r->writeBack);
+        VariantCopy(r->writeBack, &r->value);
+      }
+    }
+  }
+  return hr;
+}
+
+}  // namespace tamrik::server
