@@ -83,6 +83,11 @@ class Ccom {
   // The method frame: busy guard, entry and exit traces.
   bool EnterBusy();  // false when another busy-guarded method runs
   void LeaveBusy() { bBusy.store(0, std::memory_order_release); }
+  // Clears the busy flag on every return of a busy-guarded method.
+  struct BusyRelease {
+    Ccom* com;
+    ~BusyRelease() { com->LeaveBusy(); }
+  };
   void TraceMethod(const char* text);
   void TraceMethodFormat(const char* format, ...)
 #if defined(__GNUC__)

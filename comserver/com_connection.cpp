@@ -1,12 +1,11 @@
 // Connection methods: baud rate, serial line, Ethernet link, the gateway's service baud rate.
 #include "ResultCodes.h"
 #include "com.h"
+#include "protocol/ServiceCodes.h"
 
 namespace tamrik {
 
 namespace {
-
-constexpr uint32_t kServiceSetServiceBaudrate = 0x110;
 
 int32_t ServiceBaudrateIndex(int32_t baudrate) {
   switch (baudrate) {

@@ -7,19 +7,12 @@
 
 #include "ResultCodes.h"
 #include "com.h"
+#include "protocol/ServiceCodes.h"
 #include "platform/Platform.h"
 
 namespace tamrik {
 
 namespace {
-
-constexpr uint32_t kServiceModuleList = 0x001;
-constexpr uint32_t kServiceProcessIn = 0x003;
-constexpr uint32_t kServiceProcessOutRead = 0x004;
-constexpr uint32_t kServiceProcessOutWrite = 0x005;
-constexpr uint32_t kServiceParameterRead = 0x006;
-constexpr uint32_t kServiceParameterWrite = 0x007;
-constexpr uint32_t kServiceDiagnosis = 0x008;
 
 constexpr const char* kStation = "Station";
 constexpr const char* kProcessData = "ProcessData";
@@ -263,10 +256,7 @@ uint32_t Ccom::kaVGetModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t*
 
 uint32_t Ccom::kaVGetProcessInData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   if (!EnterBusy()) return rc::kBusy;
-  struct Release {
-    Ccom* com;
-    ~Release() { com->LeaveBusy(); }
-  } release{this};
+  BusyRelease release{this};
   TraceMethod("kaVGetProcessInData-->");
   if (nDemo == 1) {
     uint8_t result[kDemoResultSize];
@@ -292,10 +282,7 @@ uint32_t Ccom::kaVGetProcessInData(int32_t* plData, int32_t* plSizeOfData, int32
 
 uint32_t Ccom::kaVGetProcessOutData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   if (!EnterBusy()) return rc::kBusy;
-  struct Release {
-    Ccom* com;
-    ~Release() { com->LeaveBusy(); }
-  } release{this};
+  BusyRelease release{this};
   TraceMethod("kaVGetProcessOutData-->");
   if (nDemo == 1) {
     uint8_t result[kDemoResultSize];
@@ -315,10 +302,7 @@ uint32_t Ccom::kaVGetProcessOutData(int32_t* plData, int32_t* plSizeOfData, int3
 
 uint32_t Ccom::kaVSetProcessOutData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   if (!EnterBusy()) return rc::kBusy;
-  struct Release {
-    Ccom* com;
-    ~Release() { com->LeaveBusy(); }
-  } release{this};
+  BusyRelease release{this};
   TraceMethod("kaVSetProcessOutData-->");
   if (nDemo == 1) {
     DemoWriteBits("Modo%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, plData, *plSizeOfData);
@@ -336,10 +320,7 @@ uint32_t Ccom::kaVSetProcessOutData(int32_t* plData, int32_t* plSizeOfData, int3
 
 uint32_t Ccom::kaVGetParameterData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   if (!EnterBusy()) return rc::kBusy;
-  struct Release {
-    Ccom* com;
-    ~Release() { com->LeaveBusy(); }
-  } release{this};
+  BusyRelease release{this};
   TraceMethod("kaVGetParameterData-->");
   if (nDemo == 1) {
     uint8_t result[kDemoResultSize];
@@ -359,10 +340,7 @@ uint32_t Ccom::kaVGetParameterData(int32_t* plData, int32_t* plSizeOfData, int32
 
 uint32_t Ccom::kaVSetParameterData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   if (!EnterBusy()) return rc::kBusy;
-  struct Release {
-    Ccom* com;
-    ~Release() { com->LeaveBusy(); }
-  } release{this};
+  BusyRelease release{this};
   TraceMethod("kaVSetParameterData-->");
   if (nDemo == 1) {
     DemoWriteBits("Param%d", 0, ModuleCount(DemoInt(kStation, "ModNum")) - 1, true, plData, *plSizeOfData);
@@ -380,10 +358,7 @@ uint32_t Ccom::kaVSetParameterData(int32_t* plData, int32_t* plSizeOfData, int32
 
 uint32_t Ccom::kaVGetDiagData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   if (!EnterBusy()) return rc::kBusy;
-  struct Release {
-    Ccom* com;
-    ~Release() { com->LeaveBusy(); }
-  } release{this};
+  BusyRelease release{this};
   TraceMethod("kaVGetDiagData-->");
   if (nDemo == 1) {
     // One entry for the gateway itself and one per module: Diag0 to DiagModNum.

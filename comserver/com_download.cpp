@@ -4,16 +4,12 @@
 
 #include "ResultCodes.h"
 #include "com.h"
+#include "protocol/ServiceCodes.h"
 #include "platform/Platform.h"
 
 namespace tamrik {
 
 namespace {
-
-constexpr uint32_t kServiceFirmwareDownload = 0x107;
-constexpr uint32_t kServiceImageAnnounce = 0x120;
-constexpr uint32_t kServiceImageBlock = 0x121;
-constexpr uint32_t kServiceImageEnd = 0x122;
 
 constexpr int32_t kImageBlockSize = 256;
 constexpr int32_t kLastBlock = -1;

@@ -5,37 +5,15 @@
 
 #include "ResultCodes.h"
 #include "com.h"
+#include "protocol/ServiceCodes.h"
 #include "platform/Platform.h"
 
 namespace tamrik {
 
 namespace {
 
-constexpr uint32_t kServiceModuleList = 0x001;
-constexpr uint32_t kServiceFbiReset = 0x00D;
-constexpr uint32_t kServiceFbiStart = 0x00E;
-constexpr uint32_t kServiceModuleSWRev = 0x012;
-constexpr uint32_t kServiceModuleTyp = 0x013;
-constexpr uint32_t kServiceClearTRBuffer = 0x015;
-constexpr uint32_t kServiceGetTRBuffer = 0x016;
-constexpr uint32_t kServiceGatewayIdString = 0x100;
-constexpr uint32_t kServiceGatewayVersion = 0x101;
-constexpr uint32_t kServiceBootFunctionIdString = 0x102;
-constexpr uint32_t kServiceBootVersion = 0x103;
-constexpr uint32_t kServiceErrorList = 0x104;
-constexpr uint32_t kServiceGetOperationMode = 0x105;
-constexpr uint32_t kServiceSetOperationMode = 0x106;
-constexpr uint32_t kServiceVersionString = 0x109;
-constexpr uint32_t kServiceHardwareReset = 0x10A;
-constexpr uint32_t kServiceGatewayId = 0x10B;
-constexpr uint32_t kServiceStationAddress = 0x10C;
-constexpr uint32_t kServiceGatewayTime = 0x10F;
-constexpr uint32_t kServiceSwitches = 0x112;
-constexpr uint32_t kServiceLeds = 0x113;
-constexpr uint32_t kServiceBootFctsHwInfo = 0x114;
 // The gateway has no service of its own for the station address; the request goes out as
 // an operation-mode request carrying the address byte.
-constexpr uint32_t kServiceSetStationAddress = kServiceSetOperationMode;
 
 constexpr const char* kStation = "Station";
 

@@ -2,15 +2,11 @@
 // gateway's privileged channel and name.
 #include "ResultCodes.h"
 #include "com.h"
+#include "protocol/ServiceCodes.h"
 
 namespace tamrik {
 
 namespace {
-
-constexpr uint32_t kServiceChallenge = 0x10F;  // the gateway clock doubles as the challenge
-constexpr uint32_t kServicePrivilegedRequest = 0x130;
-constexpr uint32_t kServicePrivilegedChannel = 0x131;
-constexpr uint32_t kServicePrivilegedName = 0x132;
 
 constexpr int32_t kMaxDescription = 128;
 constexpr int32_t kStreamCapacity = 256;

@@ -6,20 +6,11 @@
 
 #include "ResultCodes.h"
 #include "com.h"
+#include "protocol/ServiceCodes.h"
 
 namespace tamrik {
 
 namespace {
-
-constexpr uint32_t kServiceMonitorReset = 0x017;
-constexpr uint32_t kServiceMonitorStart = 0x018;
-constexpr uint32_t kServiceMonitorStop = 0x019;
-constexpr uint32_t kServiceFirstDataFrame = 0x01A;
-constexpr uint32_t kServiceNextDataFrame = 0x01B;
-constexpr uint32_t kServiceDNetSerialNumber = 0x902;
-constexpr uint32_t kServiceDNetToolIdent = 0x904;
-constexpr uint32_t kServiceDNetGetAttribute = 0x912;
-constexpr uint32_t kServiceDNetSetAttribute = 0x913;
 
 // The code that switches the link to polling instead of naming a service.
 constexpr int32_t kPollingSwitch = 0x10000;

@@ -4,15 +4,12 @@
 
 #include "ResultCodes.h"
 #include "com.h"
+#include "protocol/ServiceCodes.h"
 #include "platform/Platform.h"
 
 namespace tamrik {
 
 namespace {
-
-constexpr uint32_t kServiceStreamSizeList = 0x00F;
-constexpr uint32_t kServiceStreamSegment = 0x010;
-constexpr uint32_t kServiceStreamPosition = 0x011;
 
 constexpr int32_t kMaxSegmentLength = 19;  // data values after the header in one request
 constexpr int32_t kMaxStreamData = 127;
