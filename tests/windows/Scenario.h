@@ -151,7 +151,8 @@ void Run(Driver& d, const Link& link, Printer& p) {
     int32_t values[64];
     for (int i = 0; i < 64; ++i) values[i] = data[i];
     p.Line("kaVDoService", s, st, err,
-           "service=" + std::to_string(service) + " " + Numbers(values, receiveSize > 0 && receiveSize <= 64 ? receiveSize : 0));
+           "service=" + std::to_string(service) + " " + Numbers(values, receiveSize > 0 && receiveSize <= 64 ? receiveSize : 0),
+           link.kind == "demo");  // demonstration mode answers nothing
   }
   {
     int32_t demo = 5, log = 6;
