@@ -17,6 +17,11 @@ namespace {
 // The waiting socket read gives the answer about a tenth of a second to begin arriving.
 constexpr uint32_t kSocketReadBoundMs = 110;
 
+// One reception may take as long as its three reads (start byte, header, rest) may wait, and
+// drops at most this many frames that answer other requests.
+constexpr uint32_t kReceptionReads = 3;
+constexpr uint32_t kMaxDroppedFrames = 16;
+
 // The UDP link by port number uses these two fixed addresses.
 constexpr const char* kUdpLocalAddress = "192.168.0.1";
 constexpr const char* kUdpRemoteAddress = "192.168.0.99";
@@ -368,34 +373,52 @@ uint32_t CComPort::GenerateService(uint32_t serviceCode, const void* data, const
 
 uint32_t CComPort::ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool trace) {
   bRecvArmed = 1;
-  uint8_t startByte = 0;
-  uint32_t result = 0;
-  for (int attempt = 0; attempt < 10; ++attempt) {
-    result = ReadStream(&startByte, 1);
-    if (result != 0 || startByte == protocol::kStartByte) break;
-  }
-  // In polling mode the request stays outstanding, so the next call looks for this answer
-  // again instead of sending a new request.
-  if (result == rc::kNoDataYet) return rc::kNoDataYet;
-  bWriteActive = 0;
+  // A late answer to a request whose reception already failed must never pass for the
+  // answer to this one: a frame of any other code is read whole, checked, traced and
+  // dropped, and the search begins again. The search for a further frame starts only while
+  // the time a reception may take is not used up, and only a bounded number of times.
+  const uint8_t outstanding = bWriteActive;
+  const uint32_t readBound = bSerialMode || socketBounded_ ? nActiveReadTotalConstant : kSocketReadBoundMs;
+  const uint64_t budgetEnd = platform::MonotonicMs() + uint64_t(kReceptionReads) * readBound;
+  for (uint32_t dropped = 0;; ++dropped) {
+    uint8_t startByte = 0;
+    uint32_t result = 0;
+    for (int attempt = 0; attempt < 10; ++attempt) {
+      result = ReadStream(&startByte, 1);
+      if (result != 0 || startByte == protocol::kStartByte) break;
+    }
+    // In polling mode the request stays outstanding, so the next call looks for this answer
+    // again instead of sending a new request.
+    if (result == rc::kNoDataYet) return rc::kNoDataYet;
+    bWriteActive = 0;
 
-  uint8_t* frame = rxFrame_;
-  frame[0] = startByte;
-  if (ReadStream(frame + 1, 4) != 0) return rc::kReadFailed;
-  if (startByte != protocol::kStartByte) return rc::kNoStartByte;
-  const protocol::AnswerHeader header = protocol::ParseHeader(frame + 1);
-  const size_t length = header.FrameLength();
-  if (trace && Tracing()) {
-    char text[48];
-    snprintf(text, sizeof text, "L\xE4nge: %X", uint32_t(length));
-    Trace(text);
-    snprintf(text, sizeof text, "Service: %X", uint32_t(header.code));
-    Trace(text);
+    uint8_t* frame = rxFrame_;
+    frame[0] = startByte;
+    if (ReadStream(frame + 1, 4) != 0) return rc::kReadFailed;
+    if (startByte != protocol::kStartByte) return rc::kNoStartByte;
+    const protocol::AnswerHeader header = protocol::ParseHeader(frame + 1);
+    const size_t length = header.FrameLength();
+    if (trace && Tracing()) {
+      char text[48];
+      snprintf(text, sizeof text, "L\xE4nge: %X", uint32_t(length));
+      Trace(text);
+      snprintf(text, sizeof text, "Service: %X", uint32_t(header.code));
+      Trace(text);
+    }
+    if (ReadStream(frame + protocol::kHeaderSize, int32_t(length - protocol::kHeaderSize)) != 0) return rc::kReadFailed;
+    if (protocol::AnswerMatchesRequest(serviceCode, header.code)) {
+      *frameLength = length;
+      return rc::kOk;
+    }
+    if (Tracing()) {
+      char text[64];
+      snprintf(text, sizeof text, "Dropped answer %X (%s)", uint32_t(header.code),
+               protocol::VerifyCheckValue(frame, length) ? "intact" : "check value wrong");
+      Trace(text);
+    }
+    if (dropped + 1 >= kMaxDroppedFrames || platform::MonotonicMs() >= budgetEnd) return rc::kReadFailed;
+    bWriteActive = outstanding;
   }
-  if (ReadStream(frame + protocol::kHeaderSize, int32_t(length - protocol::kHeaderSize)) != 0) return rc::kReadFailed;
-  *frameLength = length;
-  (void)serviceCode;
-  return rc::kOk;
 }
 
 uint32_t CComPort::AnswerReception(uint32_t serviceCode, int32_t* values, int32_t* count, size_t capacity) {

@@ -132,7 +132,7 @@ uint32_t Ccom::kaVDoService(int32_t* service, uint8_t* plData, int32_t* plSizeOf
   if (nDemo == 1) return 0;
   if (nDemo == 0) {
     // Every code goes out as a raw request, the code 0 included: the data travel unchanged
-    // and the answer is taken as it comes, whatever its code.
+    // and the answer is taken uninterpreted, as long as it answers this code.
     const uint32_t rawCode = protocol::kRawServiceBase + (uint32_t(*service) & 0xFFFF);
     uint32_t result = pComPort->GenerateService(rawCode, plData, plSizeOfSendData);
     if (result != 0) {

@@ -1,0 +1,33 @@
+# Reliability checks: the reliability test program, the fault soak (CTest label "soak", not
+# part of the quick suite), and the fuzz targets (TAMRIK_FUZZ=ON, clang only).
+option(TAMRIK_FUZZ "Build the libFuzzer targets in fuzz/ (needs clang)" OFF)
+
+if(TAMRIK_BUILD_TESTS AND COMMAND tamrik_test_program)
+  tamrik_test_program(tamrik_reliability_tests reliability tamrik_core tamrik_sim)
+  if(TARGET tamrik_reliability_tests)
+    add_dependencies(tamrik_reliability_tests tamrik)
+    target_compile_definitions(tamrik_reliability_tests PRIVATE TAMRIK_SHARED_LIBRARY="$<TARGET_FILE:tamrik>")
+  endif()
+
+  file(GLOB TAMRIK_SOAK_SOURCES CONFIGURE_DEPENDS tests/soak/*.cpp)
+  if(TAMRIK_SOAK_SOURCES)
+    add_executable(tamrik_soak_tests ${TAMRIK_SOAK_SOURCES})
+    target_link_libraries(tamrik_soak_tests PRIVATE tamrik_core tamrik_sim GTest::gtest GTest::gtest_main)
+    target_include_directories(tamrik_soak_tests PRIVATE tests)
+    gtest_discover_tests(tamrik_soak_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 900 LABELS soak)
+  endif()
+endif()
+
+if(TAMRIK_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "TAMRIK_FUZZ needs clang (CXX=clang++)")
+  endif()
+  file(GLOB TAMRIK_FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
+  foreach(source ${TAMRIK_FUZZ_SOURCES})
+    get_filename_component(name ${source} NAME_WE)
+    add_executable(${name} ${source})
+    target_link_libraries(${name} PRIVATE tamrik_core)
+    target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  endforeach()
+endif()
