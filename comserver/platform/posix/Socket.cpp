@@ -119,14 +119,17 @@ bool IsStream(int fd) {
 
 // errno of a failed send or receive as the Windows Sockets number the caller sees.
 int32_t TransferError(int fd, int error) {
-  bool stream = IsStream(fd);
-  if (stream && IsConnectionFailure(error)) {
+  // Only a failed connection needs the socket's type. Would-block, which every waiting read
+  // meets before its answer arrives, must not cost a system call of its own.
+  if (!IsConnectionFailure(error)) return FailErrno(error);
+  const bool stream = IsStream(fd);
+  if (stream) {
     int32_t wsaError = WsaFromErrno(error);
     RememberFailure(fd, wsaError);
     return Fail(wsaError);
   }
   // An ICMP port-unreachable answer to an earlier datagram: Windows reports it as reset.
-  if (!stream && error == ECONNREFUSED) return Fail(wsa::kConnReset);
+  if (error == ECONNREFUSED) return Fail(wsa::kConnReset);
   return FailErrno(error);
 }
 

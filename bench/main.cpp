@@ -1,0 +1,750 @@
+// tamrik-bench: the driver's exchanges against the bare round trip of each transport and
+// against libmodbus, image download throughput, serial timing, and the cost per call, in
+// one run and one table. Every far end is a process of its own on this machine; all
+// traffic stays on loopback and pseudo-terminals.
+//
+//   tamrik-bench [--quick] [--server PATH] [--sim PATH]
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <modbus.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "AllocCount.h"
+#include "Codec.h"
+#include "Process.h"
+#include "com.h"
+#include "protocol/Codec.h"
+
+namespace tb = tamrik::bench;
+
+namespace {
+
+// --- time and statistics ---------------------------------------------------------------------
+
+int64_t NowNs() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
+
+struct Stats {
+  size_t count = 0;
+  double perSecond = 0;
+  double meanUs = 0;
+  double p50Us = 0;
+  double p99Us = 0;
+};
+
+// One side of a comparison: what it does once, and the time each exchange took.
+class Target {
+ public:
+  explicit Target(std::string name) : name_(std::move(name)) {}
+  virtual ~Target() = default;
+  const std::string& name() const { return name_; }
+
+  // One exchange; false when it failed (no answer, a wrong answer).
+  virtual bool Exchange() = 0;
+
+  // Up to n exchanges, recorded, ending early at the deadline. Throws after repeated
+  // failures: a measurement of failing exchanges measures nothing.
+  void Run(size_t n, int64_t deadlineNs) {
+    if (samples_.capacity() < samples_.size() + n) samples_.reserve(samples_.size() + n);
+    for (size_t i = 0; i < n; ++i) {
+      const int64_t t0 = NowNs();
+      const bool ok = Exchange();
+      const int64_t t1 = NowNs();
+      if (ok) {
+        samples_.push_back(uint32_t(std::min<int64_t>(t1 - t0, UINT32_MAX)));
+      } else if (++failures_ > 10) {
+        throw std::runtime_error(name_ + ": exchanges fail: " + LastError());
+      }
+      if (t1 >= deadlineNs) break;
+    }
+  }
+
+  // Exchanges that are not recorded (warming up, counting allocations).
+  void Unrecorded(size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      if (!Exchange() && ++failures_ > 10) throw std::runtime_error(name_ + ": exchanges fail: " + LastError());
+    }
+  }
+
+  Stats Summary() const {
+    Stats s;
+    s.count = samples_.size();
+    if (s.count == 0) return s;
+    std::vector<uint32_t> sorted = samples_;
+    std::sort(sorted.begin(), sorted.end());
+    double total = 0;
+    for (uint32_t v : sorted) total += v;
+    s.perSecond = double(s.count) / (total / 1e9);
+    s.meanUs = total / double(s.count) / 1000.0;
+    s.p50Us = sorted[sorted.size() / 2] / 1000.0;
+    s.p99Us = sorted[std::min(sorted.size() - 1, sorted.size() * 99 / 100)] / 1000.0;
+    return s;
+  }
+
+  uint64_t failures() const { return failures_; }
+  virtual std::string LastError() const { return {}; }
+
+ private:
+  std::string name_;
+  std::vector<uint32_t> samples_;
+  uint64_t failures_ = 0;
+};
+
+[[noreturn]] void Fail(const std::string& what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
+
+// --- bare round trip -------------------------------------------------------------------------
+
+// Reads exactly n bytes; false on a time-out (the descriptor's own) or a closed end.
+bool ReadExactly(int fd, uint8_t* buffer, size_t n) {
+  size_t got = 0;
+  while (got < n) {
+    const ssize_t r = read(fd, buffer + got, n - got);
+    if (r > 0) {
+      got += size_t(r);
+    } else if (r < 0 && errno == EINTR) {
+      continue;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+sockaddr_in Loopback(uint16_t port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return a;
+}
+
+// The client side of the limit: write the request, read the answer, nothing else. Its
+// blocking reads are bounded by the descriptor's own receive time-out, which costs no
+// extra system call per exchange.
+class BareClient : public Target {
+ public:
+  // request is 7 (the input service) or 263 (an image block): real request frames, so
+  // that a simulator would answer them as well as the bare server does.
+  BareClient(std::string name, int fd, size_t request, size_t answer, bool datagram)
+      : Target(std::move(name)), fd_(fd), request_(tamrik::protocol::kMaxFrame), answer_(answer), datagram_(datagram) {
+    const std::vector<uint8_t> block(request > 7 ? request - 7 : 0, 0x5A);
+    const int32_t count = int32_t(block.size());
+    const uint32_t code = block.empty() ? 0x003 : 0x121;
+    request_.resize(tamrik::protocol::BuildRequest(code, block.data(), &count, request_.data(), request_.size()));
+    if (request_.size() != request) throw std::runtime_error("no request frame of " + std::to_string(request) + " bytes");
+  }
+  ~BareClient() override { close(fd_); }
+
+  bool Exchange() override {
+    if (write(fd_, request_.data(), request_.size()) != ssize_t(request_.size())) return false;
+    if (datagram_) return recv(fd_, answer_.data(), answer_.size(), 0) == ssize_t(answer_.size());
+    return ReadExactly(fd_, answer_.data(), answer_.size());
+  }
+
+ private:
+  int fd_;
+  std::vector<uint8_t> request_;
+  std::vector<uint8_t> answer_;
+  bool datagram_;
+};
+
+int ConnectSocket(uint16_t port, bool datagram) {
+  const int fd = socket(AF_INET, (datagram ? SOCK_DGRAM : SOCK_STREAM) | SOCK_CLOEXEC, 0);
+  if (fd < 0) Fail("socket");
+  if (!datagram) {
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  }
+  timeval timeout{2, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  const sockaddr_in a = Loopback(port);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) Fail("connect");
+  return fd;
+}
+
+int OpenRawTty(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) Fail("open " + path);
+  termios t{};
+  tcgetattr(fd, &t);
+  cfmakeraw(&t);
+  // A read returns what has arrived, waiting at most two seconds for the first byte.
+  t.c_cc[VMIN] = 0;
+  t.c_cc[VTIME] = 20;
+  tcsetattr(fd, TCSANOW, &t);
+  return fd;
+}
+
+// --- the driver ----------------------------------------------------------------------------
+
+std::string Format(const char* format, ...);
+
+class DriverClient : public Target {
+ public:
+  DriverClient(std::string name, std::unique_ptr<tamrik::Ccom> com)
+      : Target(std::move(name)), com_(std::move(com)) {}
+  ~DriverClient() override {
+    int32_t error = 0;
+    com_->kaVCloseComPort(0, &error);
+  }
+
+  bool Exchange() override {
+    int32_t size = 0, error = 0;
+    const uint32_t status = com_->kaVGetProcessInData(values_, &size, &error);
+    if (status == 0 && error == 0 && size == 9) return true;
+    lastError_ = Format("status 0x%X, error 0x%X, %d values", status, uint32_t(error), size);
+    return false;
+  }
+
+  tamrik::Ccom& com() { return *com_; }
+  std::string LastError() const override { return lastError_; }
+
+ private:
+  std::unique_ptr<tamrik::Ccom> com_;
+  int32_t values_[256] = {};
+  std::string lastError_;
+};
+
+// --- libmodbus -------------------------------------------------------------------------------
+
+class ModbusClient : public Target {
+ public:
+  ModbusClient(std::string name, modbus_t* ctx) : Target(std::move(name)), ctx_(ctx) {
+    if (ctx_ == nullptr) throw std::runtime_error("libmodbus: no context");
+    modbus_set_slave(ctx_, 1);
+    modbus_set_response_timeout(ctx_, 2, 0);
+    if (modbus_connect(ctx_) != 0) {
+      const std::string error = modbus_strerror(errno);
+      modbus_free(ctx_);
+      throw std::runtime_error("libmodbus connect: " + error);
+    }
+  }
+  ~ModbusClient() override {
+    modbus_close(ctx_);
+    modbus_free(ctx_);
+  }
+
+  bool Exchange() override {
+    return modbus_read_registers(ctx_, 0, 4, registers_) == 4 && registers_[3] == 0x1103;
+  }
+
+ private:
+  modbus_t* ctx_;
+  uint16_t registers_[4] = {};
+};
+
+// --- set-up ----------------------------------------------------------------------------------
+
+struct Options {
+  bool quick = false;
+  std::string profile;  // run only this side, for strace, perf or callgrind
+  size_t count = 20000;
+  std::string server = TAMRIK_BENCH_SERVER;
+  std::string sim = TAMRIK_BENCH_SIM;
+};
+
+class TempDir {
+ public:
+  TempDir() {
+    char templ[] = "/tmp/tamrik-bench-XXXXXX";
+    if (mkdtemp(templ) == nullptr) Fail("mkdtemp");
+    path_ = templ;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary);
+  out << text;
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+// The station behind every driver exchange: three modules whose inputs make 9 bytes, so
+// that the input service answers with 16 bytes.
+constexpr const char* kStationModel =
+    "identity = TAMRIK-BENCH\n"
+    "[module]\nid = 0x021101\ntype = D\ninputs = 2\noutputs = 2\n"
+    "[module]\nid = 0x045203\ntype = A\ninputs = 4\n"
+    "[module]\nid = 0x021102\ntype = D\ninputs = 3\noutputs = 1\n";
+
+uint16_t PortFrom(const std::string& line) {
+  // "tcp 127.0.0.1 PORT" from our server, "tcp 127.0.0.1:PORT" from the simulator program.
+  const size_t at = line.find_last_of(" :");
+  if (at == std::string::npos) throw std::runtime_error("no port in '" + line + "'");
+  return uint16_t(std::strtoul(line.c_str() + at + 1, nullptr, 10));
+}
+
+std::string PtyFrom(const std::string& line) {
+  std::istringstream in(line);
+  std::string word, path;
+  in >> word >> path;
+  if (word != "pty" || path.empty()) throw std::runtime_error("no device in '" + line + "'");
+  return path;
+}
+
+class Servers {
+ public:
+  ~Servers() {
+    for (auto& c : children_) tb::StopChild(c);
+  }
+  tb::Child& Start(const std::vector<std::string>& argv) {
+    children_.push_back(tb::StartChild(argv));
+    return children_.back();
+  }
+
+ private:
+  std::deque<tb::Child> children_;  // references handed out stay valid as it grows
+};
+
+// The driver's configuration: tracing off, no demonstration, the serial read time-outs the
+// driver writes by default, and the devices of the pseudo-terminals as COM ports.
+void WriteDriverConfig(const TempDir& dir, const std::vector<std::pair<int, std::string>>& ports) {
+  std::string text =
+      "[Init]\nVersion=0\nLogfile=0\nComPort=1\nBaudrate=115200\nReadInterval=200\n"
+      "ReadTotalMultiplier=0\nReadTotalConstant=500\nReadTotalConstantFW=3000\n[Ports]\n";
+  for (const auto& [number, path] : ports) text += "Com" + std::to_string(number) + "=" + path + "\n";
+  WriteFile(dir.File(tamrik::kConfigFileName), text);
+}
+
+std::unique_ptr<tamrik::Ccom> OpenDriver(const TempDir& dir, const std::string& transport, uint16_t port,
+                                         int comPort) {
+  auto com = std::make_unique<tamrik::Ccom>(dir.path());
+  int32_t error = 0;
+  if (transport == "tcp") {
+    com->kaVOpenEthernet(std::to_string(port).c_str(), "127.0.0.1", &error);
+  } else if (transport == "udp") {
+    com->kaVOpenEthernet((std::to_string(port) + ",UDP").c_str(), "127.0.0.1", &error);
+  } else {
+    com->kaVOpenComPort(comPort, &error);
+  }
+  if (error != 0) throw std::runtime_error("driver open " + transport + " failed: " + std::to_string(error));
+  return com;
+}
+
+// --- output ----------------------------------------------------------------------------------
+
+std::string Format(const char* format, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  return text;
+}
+
+struct Verdict {
+  std::string target;
+  std::string measured;
+  bool holds = false;
+  bool measuredAtAll = true;
+};
+std::vector<Verdict> g_verdicts;
+
+void Judge(const std::string& target, const std::string& measured, bool holds) {
+  g_verdicts.push_back({target, measured, holds, true});
+}
+
+std::string LoadAverage() {
+  std::ifstream in("/proc/loadavg");
+  std::string a, b, c;
+  in >> a >> b >> c;
+  return a + " " + b + " " + c;
+}
+
+void PrintRow(const char* transport, const std::string& what, const Stats& s, const std::string& ratio) {
+  std::printf("  %-4s %-34s %7zu %9.0f %8.1f %8.1f   %s\n", transport, what.c_str(), s.count, s.perSecond,
+              s.p50Us, s.p99Us, ratio.c_str());
+}
+
+// --- sections --------------------------------------------------------------------------------
+
+constexpr int kComSim = 11, kComProgram = 12, kComBare = 13, kComPaced = 14;
+constexpr uint32_t kPaceBaud = 115200;
+constexpr size_t kImageSize = 4 * 1024 * 1024;
+constexpr size_t kImageBlock = 256;
+
+struct Transport {
+  std::string name;  // tcp, udp, pty
+  tb::Child bareEnd, responderEnd, simEnd, programEnd, modbusEnd, blockEnd;
+  std::unique_ptr<Target> bare;
+  std::unique_ptr<DriverClient> driver;         // against the simulator's engine
+  std::unique_ptr<DriverClient> driverProgram;  // against the tamrik-sim program
+  std::unique_ptr<DriverClient> driverBare;     // against the bare responder
+  std::unique_ptr<Target> modbus;
+  std::unique_ptr<Target> blockBare;            // 263 bytes out, 7 back: one image block
+  double allocationsPerExchange = -1;
+  std::vector<double> downloadSeconds;
+  std::vector<Target*> Exchangers() {
+    std::vector<Target*> all = {bare.get(), driver.get(), driverProgram.get(), driverBare.get()};
+    if (modbus) all.push_back(modbus.get());
+    return all;
+  }
+};
+
+void StartEnds(const Options& opt, const TempDir& dir, Servers& servers, Transport& tr) {
+  const std::string model = dir.File("station.model");
+  const std::string& t = tr.name;
+  tr.bareEnd = servers.Start({opt.server, "bare", t});
+  // The same bare server again, for the driver: each client has a far end of its own.
+  tr.responderEnd = servers.Start({opt.server, "bare", t});
+  tr.simEnd = servers.Start({opt.server, "sim", t, "--model", model});
+  if (t == "pty") tr.programEnd = servers.Start({opt.sim, "--pty", "--model", model});
+  else tr.programEnd = servers.Start({opt.sim, "--" + t, "0", "--model", model});
+  if (t == "tcp") tr.modbusEnd = servers.Start({opt.server, "modbus", "tcp"});
+  if (t == "pty") tr.modbusEnd = servers.Start({opt.server, "modbus", "rtu"});
+  if (t != "pty") tr.blockEnd = servers.Start({opt.server, "bare", t, "--request", "263", "--answer", "7"});
+}
+
+void ConnectClients(const TempDir& dir, Transport& tr) {
+  const std::string& t = tr.name;
+  if (t == "pty") {
+    tr.bare = std::make_unique<BareClient>(t + " bare", OpenRawTty(PtyFrom(tr.bareEnd.line)), 7, 16, false);
+    tr.driver = std::make_unique<DriverClient>(t + " driver", OpenDriver(dir, t, 0, kComSim));
+    tr.driverProgram = std::make_unique<DriverClient>(t + " driver/program", OpenDriver(dir, t, 0, kComProgram));
+    tr.driverBare = std::make_unique<DriverClient>(t + " driver/bare", OpenDriver(dir, t, 0, kComBare));
+    tr.modbus = std::make_unique<ModbusClient>(t + " libmodbus",
+                                               modbus_new_rtu(PtyFrom(tr.modbusEnd.line).c_str(), 115200, 'N', 8, 1));
+    return;
+  }
+  const bool udp = t == "udp";
+  tr.bare = std::make_unique<BareClient>(t + " bare", ConnectSocket(PortFrom(tr.bareEnd.line), udp), 7, 16, udp);
+  tr.driver = std::make_unique<DriverClient>(t + " driver", OpenDriver(dir, t, PortFrom(tr.simEnd.line), 0));
+  tr.driverProgram = std::make_unique<DriverClient>(t + " driver/program", OpenDriver(dir, t, PortFrom(tr.programEnd.line), 0));
+  tr.driverBare = std::make_unique<DriverClient>(t + " driver/bare", OpenDriver(dir, t, PortFrom(tr.responderEnd.line), 0));
+  if (!udp) tr.modbus = std::make_unique<ModbusClient>(t + " libmodbus", modbus_new_tcp("127.0.0.1", PortFrom(tr.modbusEnd.line)));
+  tr.blockBare = std::make_unique<BareClient>(t + " bare block", ConnectSocket(PortFrom(tr.blockEnd.line), udp), 263, 7, udp);
+}
+
+// Rounds of every side in turn, so that a burst of load from elsewhere falls on all of
+// them alike and the ratios of one run stay fair.
+void MeasureExchanges(std::vector<Transport>& transports, size_t socketCount, size_t ptyCount, double seconds) {
+  constexpr int kRounds = 5;
+  for (Transport& tr : transports) {
+    for (Target* t : tr.Exchangers()) t->Unrecorded(200);
+  }
+  const int64_t end = NowNs() + int64_t(seconds * 1e9);
+  for (int round = 0; round < kRounds; ++round) {
+    const int64_t roundEnd = NowNs() + (end - NowNs()) / (kRounds - round);
+    for (Transport& tr : transports) {
+      const size_t n = (tr.name == "pty" ? ptyCount : socketCount) / kRounds;
+      const std::vector<Target*> all = tr.Exchangers();
+      // Each side gets its share of the round's time; a slow side ends early, not late.
+      const int64_t share = (roundEnd - NowNs()) / int64_t(all.size() * transports.size());
+      for (Target* t : all) t->Run(n, NowNs() + std::max<int64_t>(share, 50000000));
+    }
+  }
+}
+
+void CountAllocations(std::vector<Transport>& transports) {
+  if (!tb::AllocationCountingAvailable()) return;
+  constexpr size_t kCounted = 1000;
+  for (Transport& tr : transports) {
+    tr.driver->Unrecorded(50);
+    tb::StartCountingAllocations();
+    tr.driver->Unrecorded(kCounted);
+    tr.allocationsPerExchange = double(tb::StopCountingAllocations()) / double(kCounted);
+  }
+}
+
+std::string MakeImage(const TempDir& dir) {
+  std::string bytes(kImageSize, '\0');
+  uint32_t x = 0x2545F491;
+  for (char& c : bytes) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    c = char(x);
+  }
+  const std::string path = dir.File("image.bin");
+  WriteFile(path, bytes);
+  return path;
+}
+
+// One whole image download; its time in seconds.
+double Download(tamrik::Ccom& com, const std::string& image, double limitSeconds) {
+  const int64_t t0 = NowNs();
+  int32_t start = -1, blocks = 0, error = 0;
+  com.kaVInitImageDownload(image.c_str(), &start, &blocks, &error);
+  if (error != 0) throw std::runtime_error("image announcement failed: " + std::to_string(error));
+  const int64_t deadline = t0 + int64_t(limitSeconds * 1e9);
+  for (int32_t i = 0; i <= blocks; ++i) {
+    int32_t block = 0;
+    com.kaVDownloadImageBlock(&block, &error);
+    if (error != 0) throw std::runtime_error("image block failed: " + std::to_string(error));
+    if (block == -1) return double(NowNs() - t0) / 1e9;
+    if (NowNs() > deadline) throw std::runtime_error("image download took longer than its bound");
+  }
+  throw std::runtime_error("image download did not end with its last block");
+}
+
+void MeasureImages(std::vector<Transport>& transports, const std::string& image, size_t blockCount, int rounds) {
+  for (Transport& tr : transports) {
+    if (!tr.blockBare) continue;
+    tr.blockBare->Unrecorded(200);
+  }
+  for (int round = 0; round < rounds; ++round) {
+    for (Transport& tr : transports) {
+      if (!tr.blockBare) continue;
+      tr.blockBare->Run(blockCount / size_t(rounds), NowNs() + 5000000000LL);
+      tr.downloadSeconds.push_back(Download(tr.driver->com(), image, 20));
+    }
+  }
+}
+
+struct SerialResult {
+  Stats exchange;
+  Stats bare;
+  double turnaroundUs = 0;
+  double wireUs = 0;
+  uint64_t served = 0;
+};
+
+// Mean turnaround of a paced server, which writes it when it stops.
+double StopPaced(tb::Child& paced, const std::string& statsFile, uint64_t* served) {
+  tb::StopChild(paced);
+  std::ifstream in(statsFile);
+  unsigned long long count = 0;
+  long long sumNs = 0, maxNs = 0;
+  if (!(in >> count >> sumNs >> maxNs) || count == 0) throw std::runtime_error("no turnaround from the paced server");
+  *served = count;
+  return double(sumNs) / double(count) / 1000.0;
+}
+
+SerialResult MeasureSerial(const TempDir& dir, tb::Child& paced, tb::Child& pacedBare, size_t count) {
+  SerialResult r;
+  {
+    DriverClient driver("pty driver paced", OpenDriver(dir, "pty", 0, kComPaced));
+    BareClient bare("pty bare paced", OpenRawTty(PtyFrom(pacedBare.line)), 7, 16, false);
+    driver.Unrecorded(10);
+    bare.Unrecorded(10);
+    const int64_t end = NowNs() + 10000000000LL;
+    for (int round = 0; round < 4; ++round) {
+      bare.Run(count / 4, end);
+      driver.Run(count / 4, end);
+    }
+    r.exchange = driver.Summary();
+    r.bare = bare.Summary();
+  }
+  uint64_t ignored = 0;
+  StopPaced(pacedBare, dir.File("paced-bare.stats"), &ignored);
+  r.turnaroundUs = StopPaced(paced, dir.File("paced.stats"), &r.served);
+  r.wireUs = (7 + 16) * 10 * 1e6 / kPaceBaud;
+  return r;
+}
+
+// One side alone, so that a profiler attached to this process sees nothing else.
+int Profile(const Options& opt, std::vector<Transport>& transports, const std::string& image) {
+  for (Transport& tr : transports) {
+    if (opt.profile == tr.name + " image") {
+      const double seconds = Download(tr.driver->com(), image, 60);
+      std::printf("%s: %.3f s, %.2f MiB/s\n", opt.profile.c_str(), seconds, kImageSize / seconds / 1048576.0);
+      return 0;
+    }
+    std::vector<Target*> all = tr.Exchangers();
+    if (tr.blockBare) all.push_back(tr.blockBare.get());
+    for (Target* t : all) {
+      if (t->name() != opt.profile) continue;
+      t->Unrecorded(200);
+      t->Run(opt.count, NowNs() + 60000000000LL);
+      const Stats s = t->Summary();
+      std::printf("%s: %zu exchanges, %.0f per s, p50 %.1f us, p99 %.1f us\n", opt.profile.c_str(), s.count,
+                  s.perSecond, s.p50Us, s.p99Us);
+      return 0;
+    }
+  }
+  std::fprintf(stderr, "tamrik-bench: no side named '%s'\n", opt.profile.c_str());
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options opt;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--quick") opt.quick = true;
+    else if (arg == "--server" && i + 1 < argc) opt.server = argv[++i];
+    else if (arg == "--sim" && i + 1 < argc) opt.sim = argv[++i];
+    else if (arg == "--profile" && i + 1 < argc) opt.profile = argv[++i];
+    else if (arg == "--count" && i + 1 < argc) opt.count = std::strtoul(argv[++i], nullptr, 10);
+    else {
+      std::fprintf(stderr,
+                   "usage: tamrik-bench [--quick] [--server PATH] [--sim PATH]\n"
+                   "       tamrik-bench --profile 'LINK SIDE' [--count N]   one side alone, for a profiler\n"
+                   "         LINK: tcp udp pty; SIDE: bare, driver, driver/program, driver/bare, libmodbus,\n"
+                   "         bare block; or 'tcp image', 'udp image'\n");
+      return 2;
+    }
+  }
+  tb::InstallChildCleanup();
+  const int64_t began = NowNs();
+  try {
+    TempDir dir;
+    WriteFile(dir.File("station.model"), kStationModel);
+    const std::string image = MakeImage(dir);
+    Servers servers;
+
+    std::printf("tamrik benchmarks: one run, every ratio from this run (load average at start %s)\n",
+                LoadAverage().c_str());
+    std::fflush(stdout);
+
+    std::vector<Transport> transports(3);
+    transports[0].name = "tcp";
+    transports[1].name = "udp";
+    transports[2].name = "pty";
+    for (Transport& tr : transports) StartEnds(opt, dir, servers, tr);
+    tb::Child& paced = servers.Start({opt.server, "sim", "pty", "--model", dir.File("station.model"), "--pace",
+                                      std::to_string(kPaceBaud), "--stats", dir.File("paced.stats")});
+    tb::Child& pacedBare = servers.Start({opt.server, "sim", "pty", "--model", dir.File("station.model"), "--pace",
+                                          std::to_string(kPaceBaud), "--stats", dir.File("paced-bare.stats")});
+    WriteDriverConfig(dir, {{kComSim, PtyFrom(transports[2].simEnd.line)},
+                            {kComProgram, PtyFrom(transports[2].programEnd.line)},
+                            {kComBare, PtyFrom(transports[2].responderEnd.line)},
+                            {kComPaced, PtyFrom(paced.line)}});
+    for (Transport& tr : transports) ConnectClients(dir, tr);
+    if (!opt.profile.empty()) return Profile(opt, transports, image);
+
+    // --- 1 to 3: exchanges --------------------------------------------------------------
+    const size_t socketCount = opt.quick ? 2000 : 20000;
+    const size_t ptyCount = opt.quick ? 1000 : 10000;
+    MeasureExchanges(transports, socketCount, ptyCount, opt.quick ? 20 : 90);
+    CountAllocations(transports);
+
+    std::printf("\n1-3. Exchange of the input service: 7-byte request, 16-byte answer (9 data bytes)\n");
+    std::printf("  %-4s %-34s %7s %9s %8s %8s   %s\n", "link", "what", "count", "per s", "p50 us", "p99 us",
+                "ratio");
+    for (Transport& tr : transports) {
+      const char* t = tr.name.c_str();
+      const Stats bare = tr.bare->Summary();
+      const Stats driver = tr.driver->Summary();
+      const Stats program = tr.driverProgram->Summary();
+      const Stats driverBare = tr.driverBare->Summary();
+      PrintRow(t, "bare round trip (the limit)", bare, "1.00");
+      const double ratio = driver.perSecond / bare.perSecond;
+      PrintRow(t, "driver, simulator engine", driver, Format("%.2f of bare", ratio));
+      PrintRow(t, "driver, tamrik-sim program", program, Format("%.2f of bare", program.perSecond / bare.perSecond));
+      PrintRow(t, "driver, bare responder", driverBare, Format("%.2f of bare", driverBare.perSecond / bare.perSecond));
+      Judge(Format("%s: driver >= 0.90 of bare round trip", t), Format("%.2f", ratio), ratio >= 0.90);
+      if (tr.modbus) {
+        const Stats modbus = tr.modbus->Summary();
+        const double vs = driver.perSecond / modbus.perSecond;
+        PrintRow(t, tr.name == "pty" ? "libmodbus RTU, 4 registers" : "libmodbus TCP, 4 registers", modbus,
+                 Format("driver %.2fx libmodbus", vs));
+        Judge(Format("%s: driver >= 1.2x libmodbus", t), Format("%.2fx", vs), vs >= 1.2);
+      }
+    }
+
+    // --- 4: image download ----------------------------------------------------------------
+    MeasureImages(transports, image, opt.quick ? 2000 : 10000, 2);
+    std::printf("\n4. Image download, %zu bytes in %zu-byte blocks (%zu blocks, announcement and end)\n",
+                kImageSize, kImageBlock, kImageSize / kImageBlock);
+    std::printf("  %-4s %16s %14s %16s %14s %8s\n", "link", "bare block us", "bound MiB/s", "downloads", "MiB/s",
+                "ratio");
+    for (Transport& tr : transports) {
+      if (!tr.blockBare) continue;
+      const Stats block = tr.blockBare->Summary();
+      const Stats small = tr.bare->Summary();
+      const double boundSeconds =
+          double(kImageSize / kImageBlock) * block.meanUs / 1e6 + 2 * small.meanUs / 1e6;
+      double total = 0;
+      for (double s : tr.downloadSeconds) total += s;
+      const double seconds = total / double(tr.downloadSeconds.size());
+      const double mib = double(kImageSize) / (1024.0 * 1024.0);
+      const double ratio = boundSeconds / seconds;
+      std::printf("  %-4s %16.1f %14.2f %16zu %14.2f %8.2f\n", tr.name.c_str(), block.meanUs, mib / boundSeconds,
+                  tr.downloadSeconds.size(), mib / seconds, ratio);
+      Judge(Format("%s: image download >= 0.85 of the round-trip bound", tr.name.c_str()), Format("%.2f", ratio),
+            ratio >= 0.85);
+    }
+
+    // --- 5: serial timing -----------------------------------------------------------------
+    const SerialResult serial = MeasureSerial(dir, paced, pacedBare, opt.quick ? 100 : 600);
+    const double expected = serial.wireUs + serial.turnaroundUs;
+    const double off = serial.exchange.meanUs / expected - 1;
+    std::printf("\n5. Serial timing: pseudo-terminal paced at %u baud in both directions, 10 bits per byte\n",
+                kPaceBaud);
+    std::printf("  wire time of 7 + 16 bytes %.1f us; simulator turnaround %.1f us (mean of %llu); sum %.1f us\n",
+                serial.wireUs, serial.turnaroundUs, static_cast<unsigned long long>(serial.served), expected);
+    std::printf("  bare client, same pacing: %zu, mean %.1f us, p50 %.1f us, p99 %.1f us: %+.1f %% of the sum\n",
+                serial.bare.count, serial.bare.meanUs, serial.bare.p50Us, serial.bare.p99Us,
+                100 * (serial.bare.meanUs / expected - 1));
+    std::printf("  driver exchange: %zu, mean %.1f us, p50 %.1f us, p99 %.1f us: %+.1f %% of the sum\n",
+                serial.exchange.count, serial.exchange.meanUs, serial.exchange.p50Us, serial.exchange.p99Us, 100 * off);
+    Judge("pty 115200: exchange within 5 % of wire time plus turnaround", Format("%+.1f %%", 100 * off),
+          std::fabs(off) <= 0.05);
+
+    // --- 6: cost per call -----------------------------------------------------------------
+    std::printf("\n6. Cost per call\n");
+    for (Transport& tr : transports) {
+      if (tr.allocationsPerExchange < 0) {
+        std::printf("  %-4s heap allocations per exchange: not counted (sanitizer build)\n", tr.name.c_str());
+        continue;
+      }
+      std::printf("  %-4s heap allocations per exchange, tracing off: %.3f\n", tr.name.c_str(),
+                  tr.allocationsPerExchange);
+      Judge(Format("%s: no heap allocation per exchange", tr.name.c_str()), Format("%.3f", tr.allocationsPerExchange),
+            tr.allocationsPerExchange == 0);
+    }
+    const auto codec = tb::RunCodecBenchmarks("BM_Codec", opt.quick ? 0.05 : 0.3);
+    double codecNs = -1;
+    for (const auto& c : codec) {
+      std::printf("  %-40s %8.1f ns CPU (%lld iterations)\n", c.name.c_str(), c.cpuNs, c.iterations);
+      if (c.name == "BM_CodecExchange") codecNs = c.cpuNs;
+    }
+    Judge("codec alone < 1 us per exchange", Format("%.0f ns", codecNs), codecNs >= 0 && codecNs < 1000);
+
+    // --- verdicts -------------------------------------------------------------------------
+    std::printf("\nTargets\n");
+    for (const Verdict& v : g_verdicts) {
+      std::printf("  %-62s %-10s %s\n", v.target.c_str(), v.measured.c_str(), v.holds ? "holds" : "MISSED");
+    }
+    std::printf("\n(%.0f s; load average at end %s)\n", double(NowNs() - began) / 1e9, LoadAverage().c_str());
+    for (Transport& tr : transports) {
+      tr.bare.reset();
+      tr.driver.reset();
+      tr.driverProgram.reset();
+      tr.driverBare.reset();
+      tr.modbus.reset();
+      tr.blockBare.reset();
+    }
+  } catch (const std::exception& e) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "tamrik-bench: %s\n", e.what());
+    tb::StopAllChildren();
+    return 1;
+  }
+  return 0;
+}
