@@ -2,7 +2,7 @@
 # Installs the Debian 12 packages that building and testing tamrik need. Safe to run again.
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest
-          libbenchmark-dev libmodbus-dev)
+          libbenchmark-dev libmodbus-dev libcli11-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -1,0 +1,83 @@
+# The command-line tool, the simulator program's options, the documentation generator, and
+# the installation that host projects build against (CMake package and pkg-config file).
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+find_package(CLI11 CONFIG REQUIRED)
+
+# --- tamrik: the command-line tool -----------------------------------------------------------
+set(TAMRIK_TOOL_SOURCES
+  cli/main.cpp cli/Tool.cpp cli/Session.cpp cli/Json.cpp cli/Progress.cpp
+  cli/CommandsGateway.cpp cli/CommandsData.cpp cli/CommandsDownload.cpp cli/Demo.cpp
+  comserver/ResultNames.cpp)
+add_executable(tamrik-tool ${TAMRIK_TOOL_SOURCES})
+set_target_properties(tamrik-tool PROPERTIES OUTPUT_NAME tamrik
+  INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+target_include_directories(tamrik-tool PRIVATE cli comserver)
+target_link_libraries(tamrik-tool PRIVATE tamrik tamrik_sim CLI11::CLI11)
+# The shipped demonstration station lies beside the tool in the build tree, as it lies in
+# share/tamrik after installation; the tool looks in both places.
+configure_file(examples/kaVdmo.ini ${CMAKE_CURRENT_BINARY_DIR}/kaVdmo.ini COPYONLY)
+
+if(TARGET tamrik-sim)
+  target_link_libraries(tamrik-sim PRIVATE CLI11::CLI11)
+endif()
+
+# Generates the C interface reference from the method table and its hand-written notes.
+add_executable(tamrik-docgen cli/docgen/CapiReference.cpp)
+target_include_directories(tamrik-docgen PRIVATE comserver)
+add_custom_target(docs
+  COMMAND tamrik-docgen > ${CMAKE_CURRENT_SOURCE_DIR}/docs/capi.md
+  COMMAND tamrik-tool codes --markdown > ${CMAKE_CURRENT_SOURCE_DIR}/docs/result-codes.md
+  COMMENT "Regenerating docs/capi.md and docs/result-codes.md")
+
+# --- installation ----------------------------------------------------------------------------
+target_include_directories(tamrik PUBLIC $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+install(TARGETS tamrik EXPORT tamrikTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES comserver/capi/tamrik.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS tamrik-tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(TARGET tamrik-sim)
+  set_target_properties(tamrik-sim PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS tamrik-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+install(FILES examples/kaVdmo.ini DESTINATION ${CMAKE_INSTALL_DATADIR}/tamrik)
+
+install(EXPORT tamrikTargets NAMESPACE tamrik:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrik)
+configure_package_config_file(cmake/tamrikConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/tamrikConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrik)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tamrikConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamrikConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/tamrikConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrik)
+
+# The pkg-config file finds its prefix from where it lies, so an installation can be moved
+# (or made with cmake --install --prefix) and still be found.
+file(RELATIVE_PATH TAMRIK_PC_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
+configure_file(cmake/tamrik.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tamrik.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamrik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# --- tests -----------------------------------------------------------------------------------
+if(TAMRIK_BUILD_TESTS)
+  # The tool and the simulator program end to end, as subprocesses.
+  tamrik_test_program(tamrik_cli_tests cli tamrik_sim)
+  target_sources(tamrik_cli_tests PRIVATE cli/Json.cpp)
+  target_include_directories(tamrik_cli_tests PRIVATE cli)
+  add_dependencies(tamrik_cli_tests tamrik-tool tamrik-sim)
+  target_compile_definitions(tamrik_cli_tests PRIVATE
+    TAMRIK_TOOL="$<TARGET_FILE:tamrik-tool>"
+    TAMRIK_SIM_PROGRAM="$<TARGET_FILE:tamrik-sim>"
+    TAMRIK_SOURCE_DIR="${CMAKE_CURRENT_SOURCE_DIR}")
+
+  # docs/ pages generated from the code must match what the code generates now.
+  add_test(NAME docs_up_to_date
+    COMMAND ${CMAKE_COMMAND} -DDOCGEN=$<TARGET_FILE:tamrik-docgen> -DTOOL=$<TARGET_FILE:tamrik-tool>
+            -DSOURCE_DIR=${CMAKE_CURRENT_SOURCE_DIR} -P ${CMAKE_CURRENT_SOURCE_DIR}/tests/package/CheckDocs.cmake)
+
+  # Install into a temporary prefix and build a host program against it both ways.
+  add_test(NAME package_install_and_use
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/tests/package/install_and_use.sh ${CMAKE_CURRENT_BINARY_DIR}
+            ${CMAKE_CURRENT_SOURCE_DIR}/tests/package/host)
+  set_tests_properties(package_install_and_use PROPERTIES TIMEOUT 300)
+endif()

@@ -1,0 +1,323 @@
+// The tamrik tool end to end: each command as a subprocess against the simulated gateway
+// it starts itself, its text and JSON output and its exit status.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Json.h"
+#include "SimStation.h"
+#include "cli/ProcessSupport.h"
+#include "common/TestSupport.h"
+
+namespace tamrik {
+namespace {
+
+using cli::Json;
+using test::RunResult;
+
+RunResult Tool(std::vector<std::string> args, int timeoutMs = 30000) {
+  args.insert(args.begin(), TAMRIK_TOOL);
+  return test::Run(args, timeoutMs);
+}
+
+// The tool with --json: the document on stdout, which must parse.
+Json ToolJson(std::vector<std::string> args, RunResult* run = nullptr) {
+  args.insert(args.begin(), "--json");
+  RunResult result = Tool(args);
+  Json doc;
+  std::string error;
+  EXPECT_TRUE(cli::ParseJson(result.out, &doc, &error)) << error << "\n" << result.out << result.err;
+  if (run != nullptr) *run = result;
+  return doc;
+}
+
+std::string Context(const std::vector<std::string>& args, const RunResult& r) {
+  std::string text = "tamrik";
+  for (const auto& a : args) text += " " + a;
+  return text + "\nexit " + std::to_string(r.status) + "\n--- stdout\n" + r.out + "--- stderr\n" + r.err;
+}
+
+int64_t Int(const Json& doc, const std::string& key) {
+  const Json* v = doc.Find(key);
+  EXPECT_NE(v, nullptr) << key;
+  return v != nullptr ? v->AsInt() : -1;
+}
+
+std::string Text(const Json& doc, const std::string& key) {
+  const Json* v = doc.Find(key);
+  EXPECT_NE(v, nullptr) << key;
+  return v != nullptr ? v->AsString() : std::string();
+}
+
+std::vector<int64_t> Numbers(const Json& doc, const std::string& key) {
+  std::vector<int64_t> out;
+  const Json* v = doc.Find(key);
+  EXPECT_NE(v, nullptr) << key;
+  if (v != nullptr) {
+    for (size_t i = 0; i < v->Size(); ++i) out.push_back((*v)[i].AsInt());
+  }
+  return out;
+}
+
+TEST(Tool, EveryCommandRunsAgainstTheSimulatedGatewayInTextAndJson) {
+  const sim::Station station = sim::DefaultStation();
+  char gatewayId[16];
+  std::snprintf(gatewayId, sizeof gatewayId, "0x%08X", station.gatewayId);
+  struct Case {
+    std::vector<std::string> args;
+    std::vector<std::string> text;  // in the text output
+    std::function<void(const Json&)> json;
+  };
+  const std::vector<Case> cases = {
+      {{"info"}, {station.identity, station.versionString, gatewayId, "station address"}, [&](const Json& d) {
+         EXPECT_EQ(Text(d, "identity"), station.identity);
+         EXPECT_EQ(Int(d, "version"), station.version);
+         EXPECT_EQ(Text(d, "boot_id"), station.bootId);
+         EXPECT_EQ(Int(d, "gateway_id"), station.gatewayId);
+         EXPECT_EQ(Int(d, "station_address"), station.stationAddress);
+         EXPECT_EQ(Int(d, "switches"), station.switches);
+         EXPECT_EQ(Numbers(d, "boot_hw_info"), std::vector<int64_t>(station.bootHwInfo.begin(), station.bootHwInfo.end()));
+       }},
+      {{"modules"}, {"0x021101", "0x045203", "0x013004", "diag bytes"}, [&](const Json& d) {
+         ASSERT_EQ(Int(d, "count"), int64_t(station.modules.size()));
+         const Json& rows = *d.Find("modules");
+         for (size_t i = 0; i < station.modules.size(); ++i) {
+           EXPECT_EQ(Int(rows[i], "id"), station.modules[i].id);
+           EXPECT_EQ(Int(rows[i], "diag_bytes"), sim::DiagLengthForId(station.modules[i].id));
+           EXPECT_EQ(Int(rows[i], "sw_revision"), station.modules[i].swRevision);
+         }
+       }},
+      {{"inputs"}, {"inputs"}, [](const Json& d) { EXPECT_EQ(Int(d, "count"), 6); }},
+      {{"outputs", "01", "0x02,3"}, {"01 02 03"}, [](const Json& d) {
+         EXPECT_EQ(Numbers(d, "written"), (std::vector<int64_t>{1, 2, 3}));
+         EXPECT_EQ(Numbers(d, "outputs"), (std::vector<int64_t>{1, 2, 3}));
+       }},
+      {{"outputs"}, {"outputs"}, [](const Json& d) { EXPECT_EQ(Int(d, "count"), 3); }},
+      {{"params", "1122"}, {"11 22 00"}, [](const Json& d) {
+         EXPECT_EQ(Numbers(d, "parameters"), (std::vector<int64_t>{0x11, 0x22, 0, 0, 0}));
+       }},
+      {{"diag"}, {"diagnosis", "0x045203"}, [&](const Json& d) {
+         EXPECT_EQ(Numbers(d, "gateway").size(), station.gatewayDiagnosis.size());
+         EXPECT_EQ(d.Find("modules")->Size(), station.modules.size());
+       }},
+      {{"errors"}, {"0x22", "AA BB", "0d 00:00:10.000"}, [](const Json& d) {
+         EXPECT_EQ(Int(d, "entries"), 2);
+         EXPECT_EQ(Int((*d.Find("errors"))[1], "duration_ms"), 10000);
+         EXPECT_EQ(Numbers((*d.Find("errors"))[1], "extra"), (std::vector<int64_t>{0xAA, 0xBB}));
+       }},
+      {{"clock"}, {"0d 00:00:0"}, [](const Json& d) { EXPECT_LT(Int(d, "total_seconds"), 60); }},
+      {{"opmode", "2"}, {"operation mode  2"}, [](const Json& d) { EXPECT_EQ(Int(d, "operation_mode"), 2); }},
+      {{"opmode"}, {"operation mode"}, [&](const Json& d) { EXPECT_EQ(Int(d, "operation_mode"), station.operationMode); }},
+      // The driver sends the new address with the operation-mode service; the tool says so.
+      {{"address", "9"}, {"operation-mode service"}, [&](const Json& d) {
+         EXPECT_EQ(Int(d, "station_address"), station.stationAddress);
+         EXPECT_NE(d.Find("note"), nullptr);
+       }},
+      {{"address"}, {"station address"}, [&](const Json& d) { EXPECT_EQ(Int(d, "station_address"), station.stationAddress); }},
+      {{"switches"}, {"0x0003"}, [](const Json& d) { EXPECT_EQ(Int(d, "switches"), 3); }},
+      {{"leds", "0x0102"}, {"0x0102"}, [](const Json& d) { EXPECT_EQ(Int(d, "leds"), 0x0102); }},
+      {{"reset"}, {"hardware reset"}, nullptr},
+      {{"fbi", "start"}, {"started"}, nullptr},
+      {{"fbi", "reset"}, {"reset"}, nullptr},
+      {{"tr"}, {"tr buffer"}, [](const Json& d) { EXPECT_EQ(Int(d, "count"), 0); }},
+      {{"tr", "clear"}, {"cleared"}, nullptr},
+      {{"service-baud", "19200"}, {"19200"}, nullptr},
+      {{"stream", "sizes"}, {"0 16 0"}, [](const Json& d) { EXPECT_EQ(Numbers(d, "sizes"), (std::vector<int64_t>{0, 16, 0})); }},
+      {{"stream", "position", "0x12", "0x34"}, {"12 34"}, nullptr},
+      {{"--segment-pause", "0", "stream", "write", "0x21", "4", "00 01 02 03 04 05 06 07 08 09"}, {"segments  3"},
+       [](const Json& d) { EXPECT_EQ(Int(d, "segments"), 3); }},
+      {{"monitor", "reset"}, {"reset"}, nullptr},
+      {{"monitor", "start"}, {"started"}, nullptr},
+      {{"monitor", "stop"}, {"stopped"}, nullptr},
+      {{"monitor", "first"}, {"frame"}, nullptr},
+      {{"monitor", "next", "01"}, {"frame"}, nullptr},
+      {{"dnet", "serial"}, {"0x01020304"}, [](const Json& d) { EXPECT_EQ(Int(d, "serial_number"), 0x01020304); }},
+      {{"dnet", "tool"}, {station.toolIdent}, nullptr},
+      {{"dnet", "get", "01 01 07"}, {"53 49 4D"}, [](const Json& d) {
+         EXPECT_EQ(Numbers(d, "answer"), (std::vector<int64_t>{'S', 'I', 'M'}));
+       }},
+      {{"dnet", "set", "01 01 07 41"}, {"answer"}, nullptr},
+      {{"service", "0x101"}, {"0x4101", "02 01"}, [](const Json& d) {
+         EXPECT_EQ(Int(d, "answer_code"), 0x4101);
+         EXPECT_EQ(Numbers(d, "received"), (std::vector<int64_t>{0x02, 0x01}));
+       }},
+      {{"service", "0x10000"}, {"0x14000"}, nullptr},
+      // A request frame for the input image, written raw, and its answer read raw.
+      {{"block", "write", "AA 03 00 00 00 29 B3", "--read", "5"}, {"read", "AA 03 40"}, [](const Json& d) {
+         EXPECT_EQ(Numbers(d, "read"), (std::vector<int64_t>{0xAA, 0x03, 0x40, 0x06, 0x00}));
+       }},
+      {{"privileged", "enter", "tamrik test"}, {"privileged"}, [](const Json& d) { EXPECT_TRUE(d.Find("privileged")->AsInt()); }},
+      {{"privileged", "channel"}, {"channel"}, [&](const Json& d) { EXPECT_EQ(Int(d, "channel"), station.privilegedChannel); }},
+      {{"privileged", "name"}, {station.privilegedName}, nullptr},
+      {{"watch", "-n", "3", "-i", "20"}, {"3 reads", "->"}, [](const Json& d) {
+         EXPECT_EQ(Int(d, "reads"), 3);
+         EXPECT_GT(Int(d, "changes"), 0);  // the simulated inputs move at every read
+       }},
+      {{"image", "--cancel"}, {"cancelled"}, nullptr},
+      {{"codes", "0x10040"}, {"BadCheckValue"}, [](const Json& d) {
+         EXPECT_EQ(Text((*d.Find("codes"))[0], "name"), "BadCheckValue");
+       }},
+  };
+  for (const Case& c : cases) {
+    const RunResult text = Tool(c.args);
+    SCOPED_TRACE(Context(c.args, text));
+    EXPECT_EQ(text.status, 0);
+    for (const std::string& expected : c.text) EXPECT_NE(text.out.find(expected), std::string::npos) << expected;
+
+    RunResult run;
+    const Json doc = ToolJson(c.args, &run);
+    EXPECT_EQ(run.status, 0);
+    ASSERT_NE(doc.Find("ok"), nullptr);
+    EXPECT_TRUE(doc.Find("ok")->AsInt());
+    if (c.json) c.json(doc);
+  }
+}
+
+TEST(Tool, TheDemoTourShowsEachStepAndEndsWell) {
+  const RunResult run = Tool({"demo"});
+  SCOPED_TRACE(Context({"demo"}, run));
+  EXPECT_EQ(run.status, 0);
+  for (const char* step : {"Identity", sim::DefaultStation().identity.c_str(), "Modules", "Live inputs", "read 3",
+                           "read back", "matches    yes", "Image download", "100%", "identical to the file",
+                           "Demonstration finished."}) {
+    EXPECT_NE(run.out.find(step), std::string::npos) << step;
+  }
+  // No command at all is the same tour.
+  const RunResult bare = Tool({});
+  EXPECT_EQ(bare.status, 0);
+  EXPECT_NE(bare.out.find("Demonstration finished."), std::string::npos);
+
+  const Json doc = ToolJson({"demo"});
+  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(doc.Find("outputs")->Find("matches")->AsInt());
+  EXPECT_TRUE(doc.Find("image")->Find("gateway_received_identical")->AsInt());
+  EXPECT_EQ(doc.Find("inputs")->Size(), 3u);
+}
+
+TEST(Tool, FailuresPrintTheCodeWithItsNameAndExitNonZero) {
+  // A fixed clock fixes the challenge, so that a wrong bit table surely gives a wrong response.
+  test::TempDir dir;
+  dir.Write("fixed-clock.txt", "clock = 0x12345678\n");
+  std::string reversed;
+  for (int i = 31; i >= 0; --i) reversed += std::to_string(i) + (i > 0 ? "," : "");
+  struct Case {
+    std::vector<std::string> args;
+    uint32_t code;
+    std::string name;
+  };
+  const std::vector<Case> cases = {
+      {{"--sim-refuse", "0x101", "info"}, 0x28101, "Refused"},
+      {{"--sim-refuse", "0x106:0xC000", "opmode", "2"}, 0x2C106, "Refused"},
+      {{"--sim-refuse", "3:0x8000:5", "inputs"}, 0x30005, "RefusedWithByte"},
+      {{"--sim-refuse", "0x1A", "--sim-link", "udp", "monitor", "first"}, 0x2801A, "Refused"},
+      {{"--sim-refuse", "0x130:0xC000", "privileged", "enter", "x"}, 0x10070, "PrivilegedRefusedC"},
+      {{"--sim-refuse", "0x130", "privileged", "enter", "x"}, 0x10071, "PrivilegedRefused8"},
+      // A bit table that is not the gateway's gives a response the gateway refuses.
+      {{"--sim-model", dir.File("fixed-clock.txt"), "--privileged-bits", reversed, "privileged", "enter", "x"},
+       0x10071, "PrivilegedRefused8"},
+      {{"--sim-refuse", "0x121", "image", TAMRIK_SOURCE_DIR "/examples/kaVdmo.ini"}, 0x10072, "ImageBlockFailed"},
+      {{"--sim-refuse", "0x3333:0x8000", "service", "0x3333"}, 0x2B333, "Refused"},
+      {{"--demo", "image", TAMRIK_SOURCE_DIR "/examples/kaVdmo.ini"}, 0x3000, "DemoNoDownload"},
+  };
+  for (const Case& c : cases) {
+    const RunResult run = Tool(c.args);
+    SCOPED_TRACE(Context(c.args, run));
+    EXPECT_EQ(run.status, 1);
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "0x%X", c.code);
+    EXPECT_NE(run.err.find(std::string(hex) + " " + c.name + ":"), std::string::npos);
+
+    RunResult jsonRun;
+    const Json doc = ToolJson(c.args, &jsonRun);
+    EXPECT_EQ(jsonRun.status, 1);
+    ASSERT_NE(doc.Find("error"), nullptr);
+    EXPECT_FALSE(doc.Find("ok")->AsInt());
+    EXPECT_EQ(Int(*doc.Find("error"), "code"), c.code);
+    EXPECT_EQ(Text(*doc.Find("error"), "name"), c.name);
+    EXPECT_FALSE(Text(*doc.Find("error"), "meaning").empty());
+  }
+
+  // Nothing listens on this loopback port: the link or the first request fails.
+  const RunResult closed = Tool({"--tcp", "127.0.0.1:1", "--timeout", "100", "inputs"});
+  EXPECT_EQ(closed.status, 1) << closed.err;
+  EXPECT_NE(closed.err.find("failed: 0x"), std::string::npos) << closed.err;
+
+  // Mistakes of the user are status 2 and name the mistake.
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"outputs", "zz"}, {"nonsense"}, {"--tcp", "127.0.0.1:notaport", "info"}, {"opmode", "300"},
+        {"--sim-refuse", "0x4000", "info"}, {"--demo", "/nonexistent/kaVdmo.ini", "info"}, {"boot"}}) {
+    const RunResult run = Tool(args);
+    SCOPED_TRACE(Context(args, run));
+    EXPECT_EQ(run.status, 2);
+    EXPECT_FALSE(run.err.empty());
+  }
+}
+
+TEST(Tool, LinksOverUdpAPseudoTerminalAndDemonstrationData) {
+  for (const char* link : {"udp", "pty", "tcp"}) {
+    const Json doc = ToolJson({"--sim-link", link, "info"});
+    EXPECT_EQ(Text(doc, "identity"), sim::DefaultStation().identity) << link;
+  }
+
+  // The shipped demonstration station, and one of the user's own.
+  std::ifstream shipped(std::string(TAMRIK_SOURCE_DIR) + "/examples/kaVdmo.ini");
+  std::string line, identity;
+  while (std::getline(shipped, line)) {
+    if (line.rfind("GWIdString=", 0) == 0) identity = line.substr(11);
+  }
+  ASSERT_FALSE(identity.empty());
+  Json doc = ToolJson({"--demo", "info"});
+  EXPECT_EQ(Text(doc, "identity"), identity);
+  EXPECT_EQ(Text(doc, "clock"), "1d 01:01:01");
+  doc = ToolJson({"--demo", "modules"});
+  EXPECT_EQ(Int(doc, "count"), 4);
+
+  test::TempDir dir;
+  dir.Write("mine.ini", "[Station]\nModNum=1\nModId1=0A1234\nGWIdString=My own station\nGatewayId=0000ABCD\n"
+                        "[ProcessData]\nMode=1\n"
+                        "Modi1=1100000010000000\nModo1=00000000\n");
+  doc = ToolJson({"--demo", dir.File("mine.ini"), "info"});
+  EXPECT_EQ(Text(doc, "identity"), "My own station");
+  doc = ToolJson({"--demo", dir.File("mine.ini"), "inputs"});
+  EXPECT_EQ(Numbers(doc, "inputs"), (std::vector<int64_t>{0x03, 0x01}));
+  // Demonstration writes stay in the run's own copy.
+  doc = ToolJson({"--demo", dir.File("mine.ini"), "outputs", "81"});
+  EXPECT_EQ(Numbers(doc, "outputs"), (std::vector<int64_t>{0x81}));
+  EXPECT_NE(dir.Read("mine.ini").find("Modo1=00000000"), std::string::npos);
+
+  // A station model of the user's, with a bit table of its own for the privileged response:
+  // the tool hands the driver the same table.
+  std::string table;
+  for (int i = 0; i < 32; ++i) table += std::to_string(31 - i) + " ";
+  dir.Write("model.txt", "identity = MODEL GW\nclock = 0x80000001\nprivileged_table = " + table + "\n");
+  doc = ToolJson({"--sim-model", dir.File("model.txt"), "privileged", "enter", "me"});
+  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  doc = ToolJson({"--sim-model", dir.File("model.txt"), "info"});
+  EXPECT_EQ(Text(doc, "identity"), "MODEL GW");
+}
+
+TEST(Tool, TraceShowsTheDriversLinesOnStderrOnly) {
+  const RunResult run = Tool({"--trace", "switches"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.err.find("trace: ComServer:kaVGetCurrentGwSwitches-->"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("Write Stream (len:0007): AA1201"), std::string::npos) << run.err;
+  EXPECT_EQ(run.out.find("trace:"), std::string::npos);
+  // The driver's 8-bit texts arrive as UTF-8.
+  EXPECT_NE(run.err.find("L\xC3\xA4nge"), std::string::npos) << run.err;
+
+  const RunResult quiet = Tool({"switches"});
+  EXPECT_EQ(quiet.err.find("trace:"), std::string::npos);
+
+  RunResult jsonRun;
+  const Json doc = ToolJson({"--trace", "switches"}, &jsonRun);
+  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_NE(jsonRun.err.find("trace:"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tamrik
