@@ -3,7 +3,7 @@
 option(TAMRIK_FUZZ "Build the libFuzzer targets in fuzz/ (needs clang)" OFF)
 
 if(TAMRIK_BUILD_TESTS AND COMMAND tamrik_test_program)
-  tamrik_test_program(tamrik_reliability_tests reliability tamrik_core tamrik_sim)
+  tamrik_test_program(tamrik_reliability_tests reliability tamrik_core tamrik_sim tamrik)
   if(TARGET tamrik_reliability_tests)
     add_dependencies(tamrik_reliability_tests tamrik)
     target_compile_definitions(tamrik_reliability_tests PRIVATE TAMRIK_SHARED_LIBRARY="$<TARGET_FILE:tamrik>")

@@ -58,6 +58,13 @@ uint32_t LeadingHex(const char* text) {
   return value;
 }
 
+// The demonstration refuses the counts that no request could carry, as the gateway path does.
+bool RequestCountFits(int32_t count, int32_t* plError) {
+  if (count >= 0 && size_t(count) <= protocol::kMaxData) return true;
+  *plError = int32_t(rc::kBadArgument);
+  return false;
+}
+
 void Deliver(const uint8_t* result, int32_t n, int32_t* plData, int32_t* plSizeOfData) {
   for (int32_t i = 0; i < n; ++i) plData[i] = result[i];
   *plSizeOfData = n;
@@ -104,6 +111,10 @@ bool Ccom::DemoModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t* plErr
     return false;
   }
   // The count on entry is the caller's capacity.
+  if (*plSizeOfData < 0) {
+    *plError = int32_t(rc::kBadArgument);
+    return false;
+  }
   const int32_t n = std::max(0, std::min(modNum, *plSizeOfData));
   for (int32_t k = 1; k <= n; ++k) {
     const std::string id = DemoText(kStation, KeyName("ModId%d", k).c_str(), kModuleIdBuffer);
@@ -305,6 +316,7 @@ uint32_t Ccom::kaVSetProcessOutData(int32_t* plData, int32_t* plSizeOfData, int3
   BusyRelease release{this};
   TraceMethod("kaVSetProcessOutData-->");
   if (nDemo == 1) {
+    if (!RequestCountFits(*plSizeOfData, plError)) return rc::kBadArgument;
     DemoWriteBits("Modo%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, plData, *plSizeOfData);
   } else if (nDemo == 0) {
     uint32_t methodReturn = 0;
@@ -343,6 +355,7 @@ uint32_t Ccom::kaVSetParameterData(int32_t* plData, int32_t* plSizeOfData, int32
   BusyRelease release{this};
   TraceMethod("kaVSetParameterData-->");
   if (nDemo == 1) {
+    if (!RequestCountFits(*plSizeOfData, plError)) return rc::kBadArgument;
     DemoWriteBits("Param%d", 0, ModuleCount(DemoInt(kStation, "ModNum")) - 1, true, plData, *plSizeOfData);
   } else if (nDemo == 0) {
     uint32_t methodReturn = 0;

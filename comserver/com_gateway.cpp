@@ -22,6 +22,8 @@ constexpr int32_t kMaxDemoText = 0x10000;
 constexpr size_t kStationAddressCapacity = 8;
 constexpr int32_t kDemoErrorRecords = 3;
 constexpr int32_t kErrorRecordSize = 7;
+// At most 30 entries of at most 255 bytes, each a record of its length plus one.
+constexpr int32_t kMaxErrorListValues = 30 * 256;
 
 uint32_t LeadingHex(const char* text) {
   uint32_t value = 0;
@@ -262,7 +264,13 @@ uint32_t Ccom::kaVGetGatewayTime(int32_t* lDays, int32_t* lHours, int32_t* lMinu
 uint32_t Ccom::kaVGetGatewayErrorList(int32_t* plEntrys, int32_t* plErrorData, int32_t* plSizeOfErrBuf,
                                       int32_t* plError) {
   TraceMethod("kaVGetGatewayErrorList-->");
-  const int32_t capacity = std::max(*plSizeOfErrBuf, 0);
+  if (*plSizeOfErrBuf < 0) {
+    *plError = int32_t(rc::kBadArgument);
+    return 0;
+  }
+  // No list fills more than this; a larger buffer is taken for what it can be used for, so
+  // that the buffer is never cleared further than an answer could reach.
+  const int32_t capacity = std::min(*plSizeOfErrBuf, kMaxErrorListValues);
   if (nDemo == 1) {
     *plEntrys = DemoInt(kStation, "GWErrors");
     // Only records that fit whole in the caller's buffer are written.

@@ -100,19 +100,28 @@ uint32_t Ccom::kaVSrvDNetSetClassInstAttr(int32_t* plData, int32_t* plSizeOfData
 }
 
 // --- the driver's memory area ------------------------------------------------------------------
-// The address is an offset into the area; a copy that would leave it copies nothing.
+// The address is an offset into the area; a copy that would leave it copies nothing and is
+// the only case in which the out-value is written.
 
 uint32_t Ccom::SetPort(int16_t* plData, int32_t* plSize, int32_t* plAddress, int32_t* Error) {
   const int32_t size = *plSize;
   const int32_t address = *plAddress;
-  if (size > 0 && InsidePortArea(address, size)) memcpy(pPortArea.get() + address, plData, size_t(size));
+  if (!InsidePortArea(address, size)) {
+    *Error = int32_t(rc::kBadArgument);
+    return 0;
+  }
+  if (size > 0) memcpy(pPortArea.get() + address, plData, size_t(size));
   return 0;
 }
 
 uint32_t Ccom::GetPort(int16_t* plData, int32_t* plSize, int32_t* plAddress, int32_t* Error) {
   const int32_t size = *plSize;
   const int32_t address = *plAddress;
-  if (size > 0 && InsidePortArea(address, size)) memcpy(plData, pPortArea.get() + address, size_t(size));
+  if (!InsidePortArea(address, size)) {
+    *Error = int32_t(rc::kBadArgument);
+    return 0;
+  }
+  if (size > 0) memcpy(plData, pPortArea.get() + address, size_t(size));
   return 0;
 }
 
@@ -134,6 +143,10 @@ uint32_t Ccom::kaVDoService(int32_t* service, uint8_t* plData, int32_t* plSizeOf
     // Every code goes out as a raw request, the code 0 included: the data travel unchanged
     // and the answer is taken uninterpreted, as long as it answers this code.
     const uint32_t rawCode = protocol::kRawServiceBase + (uint32_t(*service) & 0xFFFF);
+    if (*plSizeOfRecData < 0) {
+      *plError = int32_t(rc::kBadArgument);
+      return 0;
+    }
     uint32_t result = pComPort->GenerateService(rawCode, plData, plSizeOfSendData);
     if (result != 0) {
       *plError = int32_t(result);

@@ -47,13 +47,13 @@ uint32_t Ccom::kaVSetModuleStreamSegmentData(int32_t* plData, int32_t* plSizeOfD
     // stream bytes per block; both are refused before anything goes out.
     const int32_t header = int32_t(uint8_t(plData[0]));
     const int32_t segmentLength = int32_t(int8_t(uint8_t(plData[1])));
-    const int32_t dataCount = *plSizeOfData - 2;
     if (segmentLength < 1 || segmentLength > kMaxSegmentLength || *plSizeOfData < 3 ||
-        dataCount > kMaxStreamData) {
+        *plSizeOfData - 2 > kMaxStreamData) {
       *plError = int32_t(rc::kBadArgument);
       return rc::kBadArgument;
     }
     // Read at every call, so that a changed setting counts from the next block on.
+    const int32_t dataCount = *plSizeOfData - 2;
     const int32_t pause =
         std::max(int32_t(platform::ProfileGetInt("Init", "StreamSegmentSleepTime", 255, szConfigFile)), 0);
 

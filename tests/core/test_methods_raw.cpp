@@ -348,12 +348,17 @@ TEST(DriverMemoryArea, SetPortAndGetPortStayInsideTheArea) {
     out[0] = 0x5A5A;
     size = o.size;
     address = o.address;
+    error = 55;
     EXPECT_EQ(com.SetPort(in, &size, &address, &error), 0u);
+    EXPECT_EQ(uint32_t(error), rc::kBadArgument);
+    error = 55;
     EXPECT_EQ(com.GetPort(out, &size, &address, &error), 0u);
+    EXPECT_EQ(uint32_t(error), rc::kBadArgument);
     EXPECT_EQ(out[0], 0x5A5A);
   }
   size = 2;
   address = Ccom::kPortAreaSize - 2;
+  error = 55;
   EXPECT_EQ(com.GetPort(out, &size, &address, &error), 0u);
   EXPECT_EQ(out[0], 0x0102);  // the refused writes left the area as it was
   EXPECT_EQ(error, 55);
