@@ -127,7 +127,11 @@ counted_run() {  # name, output file
     pass "$1 (${line% *} checks)"
   else
     tr -d '\r' <"$2" | grep -E '^FAIL|cannot' | head -20
-    fail "$1 ${line:+(${line#* } of $((${line% *} + ${line#* })) checks failed)}${line:-(no closing line)}"
+    if [ -n "$line" ]; then
+      fail "$1 (${line#* } of $((${line% *} + ${line#* })) checks failed)"
+    else
+      fail "$1 (no closing line)"
+    fi
   fi
 }
 
@@ -299,6 +303,9 @@ compare_runs serial serial
 configure "$dir64" 1
 w cscript //nologo 'C:\tamrik\driver.js' demo >"$work/js-demo.out" 2>&1
 counted_run "JScript, demonstration mode" "$work/js-demo.out"
+# What the methods wrote went into the profile files beside the module.
+tr -d '\r' <"$dir64/kaVcnf.ini" | grep -qx 'ComPort=77' && tr -d '\r' <"$dir64/kaVdmo.ini" | grep -qx 'GWOPMode=2'
+check $? "JScript's port number and operation mode written to kaVcnf.ini and kaVdmo.ini beside the module"
 configure "$dir64" 0
 if fresh_link tcp; then
   w cscript //nologo 'C:\tamrik\driver.js' tcp "$link_port" >"$work/js-tcp.out" 2>&1
