@@ -112,7 +112,8 @@ void Boot(Context& ctx, const std::vector<std::string>& files, const std::string
 }  // namespace
 
 // Runs an image download with its progress; returns the block count. Shared with the demo.
-int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddress, bool quarters) {
+int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddress, bool quarters,
+                      const std::string& label) {
   Session& session = ctx.Connect();
   std::error_code ec;
   const auto length = fs::file_size(file, ec);
@@ -120,7 +121,7 @@ int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddres
   int32_t start = startAddress, blocks = 0, error = 0;
   Check("kaVInitImageDownload", tamrik_kaVInitImageDownload(session.com(), file.c_str(), &start, &blocks, &error),
         error, ResultContext::Image);
-  Progress progress("image", uint64_t(std::max(blocks, 1)), length, "blocks", ProgressMode(ctx, quarters));
+  Progress progress(label, uint64_t(std::max(blocks, 1)), length, "blocks", ProgressMode(ctx, quarters));
   uint64_t sent = 0;
   int64_t taken = 0;
   // An empty image still takes one (empty) block; the loop ends at the block numbered -1.

@@ -82,12 +82,12 @@ void Tour(Context& ctx) {
     ctx.Say("  skipped: in demonstration mode the driver sends no image\n");
   } else {
     const std::string file = session.File("demo-image.bin");
-    std::vector<char> image(24 * 1024);
+    std::vector<char> image(64 * 1024);
     for (size_t i = 0; i < image.size(); ++i) image[i] = char((i * 7 + i / 256) & 0xFF);
     std::ofstream(file, std::ios::binary).write(image.data(), std::streamsize(image.size()));
     Json saved = std::move(ctx.result);
     ctx.result = Json::Object();
-    DownloadImage(ctx, file, -1, true);
+    DownloadImage(ctx, file, -1, true, "  image");
     Json download = std::move(ctx.result);
     ctx.result = std::move(saved);
     download.Set("file", "demo-image.bin");

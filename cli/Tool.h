@@ -98,6 +98,7 @@ std::vector<uint8_t> ReadOutputs(Context& ctx);
 std::vector<uint8_t> WriteOutputs(Context& ctx, const std::vector<uint8_t>& bytes);
 // Image download with its progress bar; returns the number of blocks sent. quarters: without a
 // terminal, print the bar as a line at every quarter.
-int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddress, bool quarters);
+int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddress, bool quarters,
+                      const std::string& label = "image");
 
 }  // namespace tamrik::cli
