@@ -331,9 +331,15 @@ struct VtableDriver {
 
 Icom* Create() {
   CLSID clsid{};
-  if (FAILED(CLSIDFromProgID(L"Tamrik.com", &clsid))) return nullptr;
+  HRESULT hr = CLSIDFromProgID(L"Tamrik.com", &clsid);
+  if (FAILED(hr)) {
+    std::printf("CLSIDFromProgID(Tamrik.com): %s\n", Hex(hr).c_str());
+    return nullptr;
+  }
   Icom* object = nullptr;
-  if (FAILED(CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_Icom, reinterpret_cast<void**>(&object)))) {
+  hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_Icom, reinterpret_cast<void**>(&object));
+  if (FAILED(hr)) {
+    std::printf("CoCreateInstance: %s\n", Hex(hr).c_str());
     return nullptr;
   }
   return object;
