@@ -2,19 +2,20 @@
 // that the benchmark measures two processes talking over the kernel, as a host and a
 // gateway would.
 //
-//   tamrik-bench-server bare   tcp|udp|pty [--request N] [--answer M]
+//   tamrik-bench-server bare   tcp|udp|pty [--answer M]
 //   tamrik-bench-server sim    tcp|udp|pty --model FILE [--pace BAUD] [--stats FILE]
 //   tamrik-bench-server modbus tcp|rtu
 //   common: --seconds S   (the server ends by itself after S seconds; default 300)
 //
-// bare: the limit of a transport. Reads N request bytes (one datagram on UDP) and answers
-//   with M bytes, nothing else; the M bytes are a well-formed answer frame of the input
-//   service, so that the driver can be run against it too.
+// bare: the limit of a transport. Answers every request frame (one datagram on UDP) with M
+//   bytes at once and does nothing else; the M bytes are a well-formed answer to the
+//   request's code, so that the driver can be run against it too.
 // sim: the simulator's service engine and station model behind the plainest loop that
 //   serves it: blocking read, frame search, answer, one write. With --pace the pty line
 //   behaves as a UART at that speed in both directions: a request counts as received when
 //   its last byte would have crossed the wire, and the answer leaves byte by byte. The
-//   turnaround (request received to first answer byte on the wire) is written to --stats.
+//   simulator's own time (request received to answer on the wire, and how late the last
+//   answer byte left) is written to --stats when it stops.
 // modbus: a libmodbus server with 16 holding registers, slave 1.
 //
 // Prints one line once it serves ("tcp 127.0.0.1 PORT", "udp 127.0.0.1 PORT", "pty PATH"),
@@ -154,42 +155,72 @@ Pty OpenRawPty() {
 
 // --- bare ---------------------------------------------------------------------------------
 
-std::vector<uint8_t> BareAnswer(size_t length) {
-  // The input service's answer with length - 7 data bytes: a real frame, so that the same
-  // server also shows what the driver costs without a simulator behind it.
-  std::vector<uint8_t> data(length >= 7 ? length - 7 : 0);
-  for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i + 1);
-  std::vector<uint8_t> frame = tamrik::sim::BuildFrame(0x4003, data);
-  frame.resize(length);
-  return frame;
+// Answers every request frame with the same number of bytes: a well-formed answer (request
+// code + 0x4000, check value) with length - 7 data bytes, so that the driver can be run
+// against the limit too. It reads nothing but the frame's header, allocates nothing per
+// request, and keeps the answer of the last code it saw.
+class BareAnswers {
+ public:
+  explicit BareAnswers(size_t length) : data_(length >= 7 ? length - 7 : 0) {
+    for (size_t i = 0; i < data_.size(); ++i) data_[i] = uint8_t(i + 1);
+  }
+  const std::vector<uint8_t>& For(uint16_t requestCode) {
+    const uint16_t code = uint16_t(requestCode + 0x4000);
+    if (frame_.empty() || code != code_) {
+      frame_ = tamrik::sim::BuildFrame(code, data_);
+      code_ = code;
+    }
+    return frame_;
+  }
+
+ private:
+  std::vector<uint8_t> data_;
+  std::vector<uint8_t> frame_;
+  uint16_t code_ = 0;
+};
+
+// Length of the frame at the start of bytes (start byte, code, length, data, check value),
+// or 0 while its header is incomplete. A byte that is no start byte counts as a frame of
+// one byte, to be skipped.
+size_t FrameLength(const uint8_t* bytes, size_t have) {
+  if (have == 0) return 0;
+  if (bytes[0] != 0xAA) return 1;
+  if (have < 5) return 0;
+  return size_t(bytes[3] | (bytes[4] << 8)) + 7;
 }
 
-// Serves a byte stream: every `request` bytes read are answered with `answer`.
-void BareStream(int fd, size_t request, const std::vector<uint8_t>& answer) {
-  std::vector<uint8_t> buf(std::max<size_t>(request, 4096));
+void BareStream(int fd, BareAnswers& answers) {
+  std::vector<uint8_t> buf(65536 + 7);
   size_t have = 0;
   while (!g_stop) {
     const ssize_t n = read(fd, buf.data() + have, buf.size() - have);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;
     have += size_t(n);
-    while (have >= request) {
-      if (!WriteAll(fd, answer.data(), answer.size())) return;
-      have -= request;
-      std::memmove(buf.data(), buf.data() + request, have);
+    size_t used = 0;
+    for (;;) {
+      const size_t length = FrameLength(buf.data() + used, have - used);
+      if (length == 0 || length > have - used) break;
+      if (length > 1) {
+        const auto& answer = answers.For(uint16_t(buf[used + 1] | (buf[used + 2] << 8)));
+        if (!WriteAll(fd, answer.data(), answer.size())) return;
+      }
+      used += length;
     }
+    have -= used;
+    std::memmove(buf.data(), buf.data() + used, have);
   }
 }
 
-void RunBare(const std::string& transport, size_t request, size_t answerLength) {
-  const std::vector<uint8_t> answer = BareAnswer(answerLength);
+void RunBare(const std::string& transport, size_t answerLength) {
+  BareAnswers answers(answerLength);
   if (transport == "tcp") {
     const int l = ListenTcp();
     Announce("tcp 127.0.0.1 " + std::to_string(PortOf(l)));
     while (!g_stop) {
       const int c = AcceptOne(l);
       if (c < 0) break;
-      BareStream(c, request, answer);
+      BareStream(c, answers);
       close(c);
     }
   } else if (transport == "udp") {
@@ -200,26 +231,25 @@ void RunBare(const std::string& transport, size_t request, size_t answerLength) 
       sockaddr_in peer{};
       socklen_t len = sizeof peer;
       const ssize_t n = recvfrom(fd, buf.data(), buf.size(), 0, reinterpret_cast<sockaddr*>(&peer), &len);
-      if (n < 0) continue;
+      if (n < 3) continue;
+      const auto& answer = answers.For(uint16_t(buf[1] | (buf[2] << 8)));
       sendto(fd, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&peer), len);
     }
   } else {
     const Pty p = OpenRawPty();
     Announce("pty " + p.path);
-    BareStream(p.master, request, answer);
+    BareStream(p.master, answers);
   }
 }
 
 // --- sim ----------------------------------------------------------------------------------
 
-struct Turnaround {
-  uint64_t count = 0;
-  int64_t sumNs = 0;
-  int64_t maxNs = 0;
-  void Add(int64_t ns) {
-    ++count;
-    sumNs += ns;
-    maxNs = std::max(maxNs, ns);
+// What the simulator adds to an exchange beyond the wire time: from the moment the request
+// has crossed the wire to the start of the answer, and how late its last byte left.
+struct OwnTime {
+  std::vector<int64_t> ns;
+  void Add(int64_t v) {
+    if (ns.size() < 1000000) ns.push_back(v);
   }
 };
 
@@ -267,7 +297,7 @@ class SimServer {
     }
   }
 
-  const Turnaround& turnaround() const { return turnaround_; }
+  const OwnTime& own() const { return own_; }
 
  private:
   bool Answer(int fd, const tamrik::sim::ParsedFrame& request) {
@@ -280,14 +310,12 @@ class SimServer {
     // The request is in when its last stop bit has passed.
     const int64_t received = firstByteNs_ + byteNs_ * int64_t(request.raw.size());
     SleepUntilNs(received);
-    const int64_t start = std::max(received, NowNs());
     const auto answer = engine_.Respond(request.code, request.data);
     if (!answer) return true;
     const std::vector<uint8_t> frame = tamrik::sim::BuildFrame(answer->code, answer->data);
     // The answer starts on the wire now; each byte is handed over when its stop bit has
     // passed, as a UART would deliver it.
     const int64_t wire = NowNs();
-    turnaround_.Add(wire - start);
     size_t written = 0;
     while (written < frame.size() && !g_stop) {
       const size_t due = std::min(frame.size(), size_t((NowNs() - wire) / byteNs_));
@@ -298,6 +326,10 @@ class SimServer {
         SleepUntilNs(wire + byteNs_ * int64_t(written + 1));
       }
     }
+    // A wake-up that comes late delays the exchange as much as a slow answer does: both
+    // count as the simulator's own time.
+    const int64_t lastDue = wire + byteNs_ * int64_t(frame.size());
+    own_.Add((wire - received) + std::max<int64_t>(0, NowNs() - lastDue));
     return true;
   }
 
@@ -305,7 +337,7 @@ class SimServer {
   tamrik::sim::FrameParser parser_;
   const int64_t byteNs_;
   int64_t firstByteNs_ = 0;
-  Turnaround turnaround_;
+  OwnTime own_;
 };
 
 void RunSim(const std::string& transport, const std::string& model, uint32_t paceBaud,
@@ -337,9 +369,12 @@ void RunSim(const std::string& transport, const std::string& model, uint32_t pac
   }
   if (!statsFile.empty()) {
     if (FILE* f = std::fopen(statsFile.c_str(), "w")) {
-      const Turnaround& t = server.turnaround();
-      std::fprintf(f, "%llu %lld %lld\n", static_cast<unsigned long long>(t.count),
-                   static_cast<long long>(t.sumNs), static_cast<long long>(t.maxNs));
+      std::vector<int64_t> ns = server.own().ns;
+      std::sort(ns.begin(), ns.end());
+      long long sum = 0;
+      for (int64_t v : ns) sum += v;
+      // count, sum, median, in ns
+      std::fprintf(f, "%zu %lld %lld\n", ns.size(), sum, ns.empty() ? 0LL : static_cast<long long>(ns[ns.size() / 2]));
       std::fclose(f);
     }
   }
@@ -399,7 +434,7 @@ void RunModbus(const std::string& transport) {
 
 void Usage() {
   std::fprintf(stderr,
-               "usage: tamrik-bench-server bare tcp|udp|pty [--request N] [--answer M]\n"
+               "usage: tamrik-bench-server bare tcp|udp|pty [--answer M]\n"
                "       tamrik-bench-server sim tcp|udp|pty --model FILE [--pace BAUD] [--stats FILE]\n"
                "       tamrik-bench-server modbus tcp|rtu\n"
                "       common: --seconds S (default 300)\n");
@@ -413,7 +448,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string mode = argv[1], transport = argv[2];
-  size_t request = 7, answer = 16;
+  size_t answer = 16;
   uint32_t pace = 0;
   unsigned seconds = 300;
   std::string model, stats;
@@ -424,8 +459,7 @@ int main(int argc, char** argv) {
       return 2;
     }
     const char* value = argv[++i];
-    if (arg == "--request") request = std::strtoul(value, nullptr, 10);
-    else if (arg == "--answer") answer = std::strtoul(value, nullptr, 10);
+    if (arg == "--answer") answer = std::strtoul(value, nullptr, 10);
     else if (arg == "--pace") pace = uint32_t(std::strtoul(value, nullptr, 10));
     else if (arg == "--seconds") seconds = unsigned(std::strtoul(value, nullptr, 10));
     else if (arg == "--model") model = value;
@@ -438,24 +472,28 @@ int main(int argc, char** argv) {
   const bool known = (mode == "bare" || mode == "sim") ? (transport == "tcp" || transport == "udp" || transport == "pty")
                      : mode == "modbus"                ? (transport == "tcp" || transport == "rtu")
                                                        : false;
-  if (!known || request == 0 || answer < 7 || (mode == "sim" && model.empty())) {
+  if (!known || answer < 7 || (mode == "sim" && model.empty())) {
     Usage();
     return 2;
   }
 
-  // Without SA_RESTART a stop signal interrupts the blocking call the server sits in.
-  struct sigaction sa {};
-  sa.sa_handler = OnStop;
-  sigemptyset(&sa.sa_mask);
-  sigaction(SIGTERM, &sa, nullptr);
-  sigaction(SIGINT, &sa, nullptr);
+  // Without SA_RESTART a stop signal interrupts the blocking call the server sits in. The
+  // libmodbus server waits in a call that starts again after a signal, and has nothing to
+  // report when it stops: the default action ends it at once.
+  if (mode != "modbus") {
+    struct sigaction sa {};
+    sa.sa_handler = OnStop;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+  }
   signal(SIGPIPE, SIG_IGN);
   // Whatever becomes of the benchmark, this process does not outlive its bound.
   alarm(seconds);
   // Paced bytes need sleeps that end close to their time; the default slack is 50 us.
   prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
 
-  if (mode == "bare") RunBare(transport, request, answer);
+  if (mode == "bare") RunBare(transport, answer);
   else if (mode == "sim") RunSim(transport, model, pace, stats);
   else RunModbus(transport);
   return 0;

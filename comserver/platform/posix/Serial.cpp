@@ -8,8 +8,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 
@@ -21,6 +23,16 @@ namespace tamrik::platform {
 struct SerialDevice {
   int fd = -1;
   SerialTimeouts timeouts;
+  // Bytes taken from the device beyond what a read asked for; the next read serves them
+  // first. The driver reads an answer in three pieces (start byte, header, rest); taking
+  // whatever has arrived in one system call instead of one per piece halves the calls of an
+  // exchange, and what waits here is exactly what would have waited in the input queue.
+  uint8_t staged[256];
+  uint32_t stagedBegin = 0;
+  uint32_t stagedEnd = 0;
+  // A write went out since the last read: its answer cannot be there before the request has
+  // crossed the line, so the read that follows waits before it looks.
+  bool wrote = false;
 };
 
 namespace {
@@ -88,6 +100,26 @@ bool ModemLines(int fd, unsigned long request, int bits) {
   if (::ioctl(fd, request, &bits) == 0) return true;
   return errno == ENOTTY || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS ||
          errno == kNoIoctlCommand;
+}
+
+// Serves up to length bytes from the staging area; the number served.
+uint32_t TakeStaged(SerialDevice* device, uint8_t* buffer, uint32_t length) {
+  const uint32_t n = std::min(length, device->stagedEnd - device->stagedBegin);
+  std::memcpy(buffer, device->staged + device->stagedBegin, n);
+  device->stagedBegin += n;
+  return n;
+}
+
+// One read of the device for at most length bytes, with the staging area empty: a short
+// request takes whatever has arrived into the staging area and serves from there, a long
+// one goes straight into the buffer. The result is that of read(2), counted in bytes served.
+ssize_t ReadDevice(SerialDevice* device, uint8_t* buffer, uint32_t length) {
+  if (length >= sizeof device->staged) return ::read(device->fd, buffer, length);
+  const ssize_t n = ::read(device->fd, device->staged, sizeof device->staged);
+  if (n <= 0) return n;
+  device->stagedBegin = 0;
+  device->stagedEnd = static_cast<uint32_t>(n);
+  return static_cast<ssize_t>(TakeStaged(device, buffer, length));
 }
 
 }  // namespace
@@ -221,11 +253,17 @@ bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t
   }
   const bool intervalLimit = t.readInterval != 0 && !returnOnFirst;
 
-  uint32_t got = 0;
+  uint32_t got = TakeStaged(device, buffer, length);
+  if (got < length && device->wrote && !returnAtOnce) {
+    // Whatever the wait reports, the loop below reads and judges it.
+    short revents = 0;
+    WaitUntil(device->fd, POLLIN, totalDeadline, &revents);
+  }
+  device->wrote = false;
   int64_t lastByte = start;
   bool hungUp = false;
-  for (;;) {
-    ssize_t n = ::read(device->fd, buffer + got, length - got);
+  while (got < length) {
+    ssize_t n = ReadDevice(device, buffer + got, length - got);
     if (n > 0) {
       got += static_cast<uint32_t>(n);
       lastByte = NowNs();
@@ -252,7 +290,7 @@ bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t
     int w = WaitUntil(device->fd, POLLIN, deadline, &revents);
     if (w == 0) {
       // One last look: bytes that came with the deadline still count.
-      n = ::read(device->fd, buffer + got, length - got);
+      n = ReadDevice(device, buffer + got, length - got);
       if (n > 0) got += static_cast<uint32_t>(n);
       break;
     }
@@ -272,6 +310,7 @@ bool SerialWrite(SerialDevice* device, const uint8_t* buffer, uint32_t length, u
   *done = 0;
   if (device == nullptr || (buffer == nullptr && length > 0)) return false;
 
+  device->wrote = true;
   uint32_t sent = 0;
   int64_t lastProgress = NowNs();
   bool hungUp = false;
