@@ -235,6 +235,14 @@ int main(int argc, char** argv) {
     if (ctx.json) ctx.result.Set("error", error);
   } catch (const UsageError& e) {
     std::fprintf(stderr, "tamrik: %s\n", e.what());
+    if (ctx.json) {
+      Json error = Json::Object();
+      error.Set("usage", e.what());
+      Json doc = Json::Object();
+      doc.Set("error", error);
+      doc.Set("ok", false);
+      std::printf("%s\n", doc.Dump().c_str());
+    }
     ctx.session_.reset();
     return kExitUsage;
   }

@@ -256,6 +256,12 @@ TEST(Tool, FailuresPrintTheCodeWithItsNameAndExitNonZero) {
     EXPECT_EQ(run.status, 2);
     EXPECT_FALSE(run.err.empty());
   }
+  // Scripts get a document for those too.
+  RunResult usage;
+  const Json doc = ToolJson({"outputs", "zz"}, &usage);
+  EXPECT_EQ(usage.status, 2);
+  EXPECT_FALSE(doc.Find("ok")->AsInt());
+  EXPECT_NE(Text(*doc.Find("error"), "usage").find("zz"), std::string::npos);
 }
 
 TEST(Tool, LinksOverUdpAPseudoTerminalAndDemonstrationData) {
