@@ -322,6 +322,10 @@ if fresh_link tcp; then
     check "$([ -n "$expected" ] && [ "$got" = "$expected" ] && echo 0 || echo 1)" \
           "VBScript read $name = ${got:-nothing} (Linux: ${expected:-nothing})"
   done
+  expected=$(sed -n 's/^kaVGetModuleList err=0x0 \[\([0-9]*\)[],].*/first=\1/p' "$work/tcp.linux.out")
+  expected="$expected count=$(sed -n 's/^kaVGetModuleList err=0x0 \[\([0-9,]*\)\].*/\1/p' "$work/tcp.linux.out" | tr ',' '\n' | wc -l)"
+  got=$(tr -d '\r' <"$work/vbs-tcp.out" | sed -n 's/^kaVGetModuleList \(.*\)$/\1/p')
+  check "$([ "$got" = "$expected" ] && echo 0 || echo 1)" "VBScript read the module list: $got (Linux: $expected)"
   expected=$(sed -n "s/^kaVGetGatewayVersionString err=0x0 \('.*'\) .*/\1/p" "$work/tcp.linux.out")
   got=$(tr -d '\r' <"$work/vbs-tcp.out" | sed -n "s/^kaVGetGatewayVersionString \('.*'\)$/\1/p")
   check "$([ -n "$expected" ] && [ "$got" = "$expected" ] && echo 0 || echo 1)" \

@@ -1,14 +1,18 @@
 // Calls by name go through the type library's own Invoke, which checks and converts the
-// arguments and calls the vtable slot. Two kinds of argument it cannot take are put into
-// shape first, as script hosts pass them:
+// arguments and calls the vtable slot. What script hosts pass for pointer parameters is put
+// into shape first:
 //  - a text (BSTR) for a char* parameter: the method gets an 8-bit copy in a buffer with
 //    room for the longest text a method writes back;
-//  - a variable passed by reference as VARIANT* (VBScript) for a numeric pointer parameter:
-//    the method gets a pointer to a converted copy.
-// After the call, what the method wrote goes back into the caller's by-reference variables.
+//  - a number by value (JScript) or a variable as VARIANT* (VBScript) for a numeric pointer
+//    parameter: the method gets the converted number at the start of a zeroed buffer with
+//    room for the largest answer. The type library alone would hand it a single temporary,
+//    and the array methods write as many values as the gateway sends.
+// After the call, what the method wrote goes back into the caller's by-reference variables
+// (for an array, its first value).
 #include <windows.h>
 #include <oleauto.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +25,8 @@ namespace {
 
 // Longer than any text a method returns (at most 200 characters).
 constexpr size_t kTextRoom = 1024;
+// An answer carries at most 65535 data bytes, which the array methods hand out one per value.
+constexpr size_t kArrayRoom = 65536;
 
 struct FuncDescHolder {
   ITypeInfo* info = nullptr;
@@ -71,9 +77,17 @@ struct Replacement {
   size_t position = 0;           // index into rgvarg
   VARIANT* writeBack = nullptr;  // the caller's variable, or null when passed by value
   bool text = false;
-  std::vector<char> buffer;      // text
-  VARIANT value;                 // number
+  VARTYPE pointee = VT_EMPTY;    // number: the type the method sees
+  std::vector<char> buffer;      // text, or the numbers' room
 };
+
+size_t ElementSize(VARTYPE vt) {
+  switch (vt) {
+    case VT_I2: return sizeof(SHORT);
+    case VT_UI1: return sizeof(BYTE);
+    default: return sizeof(LONG);  // VT_I4, VT_INT
+  }
+}
 
 }  // namespace
 
@@ -99,10 +113,22 @@ HRESULT InvokeFromTypeInfo(ITypeInfo* info, IcomVtable* object, DISPID id, WORD 
     const TYPEDESC& type = func.desc->lprgelemdescParam[i].tdesc;
 
     if (IsTextParameter(type)) {
+      // A pointer to characters (a compiled client's) goes through as it is.
+      if ((V_VT(given) & VT_BYREF) != 0 && value == given && V_VT(given) != (VT_BYREF | VT_BSTR)) continue;
       const BSTR* text = nullptr;
       if (V_VT(value) == VT_BSTR) text = &V_BSTR(value);
       if (V_VT(value) == (VT_BYREF | VT_BSTR)) text = V_BSTRREF(value);
-      if (text == nullptr) continue;
+      // Anything else a script passes (a number, nothing) is taken as its text.
+      VARIANT asText;
+      VariantInit(&asText);
+      if (text == nullptr) {
+        const HRESULT hr = VariantChangeType(&asText, value, 0, VT_BSTR);
+        if (FAILED(hr)) {
+          if (argError != nullptr) *argError = UINT(position);
+          return hr;
+        }
+        text = &V_BSTR(&asText);
+      }
       auto r = std::make_unique<Replacement>();
       r->position = position;
       r->writeBack = byRef ? value : nullptr;
@@ -111,6 +137,7 @@ HRESULT InvokeFromTypeInfo(ITypeInfo* info, IcomVtable* object, DISPID id, WORD 
       const int bytes = length > 0 ? WideCharToMultiByte(CP_ACP, 0, *text, int(length), nullptr, 0, nullptr, nullptr) : 0;
       r->buffer.assign(std::max<size_t>(size_t(bytes) + 1, kTextRoom), '\0');
       if (bytes > 0) WideCharToMultiByte(CP_ACP, 0, *text, int(length), r->buffer.data(), bytes, nullptr, nullptr);
+      VariantClear(&asText);
       VariantInit(&args[position]);
       V_VT(&args[position]) = VT_BYREF | VT_I1;
       V_I1REF(&args[position]) = r->buffer.data();
@@ -119,19 +146,24 @@ HRESULT InvokeFromTypeInfo(ITypeInfo* info, IcomVtable* object, DISPID id, WORD 
     }
 
     const VARTYPE pointee = NumericPointee(type);
-    if (pointee == VT_EMPTY || value == given) continue;  // only VARIANT* needs help here
-    auto r = std::make_unique<Replacement>();
-    r->position = position;
-    r->writeBack = value;
-    VariantInit(&r->value);
-    HRESULT hr = VariantChangeType(&r->value, value, 0, pointee);
+    // A pointer of the right type (a compiled client's) goes through as it is.
+    if (pointee == VT_EMPTY || ((V_VT(given) & VT_BYREF) != 0 && value == given)) continue;
+    VARIANT converted;
+    VariantInit(&converted);
+    const HRESULT hr = VariantChangeType(&converted, value, 0, pointee);
     if (FAILED(hr)) {
       if (argError != nullptr) *argError = UINT(position);
       return hr;
     }
+    auto r = std::make_unique<Replacement>();
+    r->position = position;
+    r->writeBack = value != given ? value : nullptr;
+    r->pointee = pointee;
+    r->buffer.assign(kArrayRoom * ElementSize(pointee), '\0');
+    std::memcpy(r->buffer.data(), &V_NONE(&converted), ElementSize(pointee));
     VariantInit(&args[position]);
     V_VT(&args[position]) = VT_BYREF | pointee;
-    V_BYREF(&args[position]) = &V_NONE(&r->value);
+    V_BYREF(&args[position]) = r->buffer.data();
     replaced.push_back(std::move(r));
   }
 
@@ -158,7 +190,8 @@ HRESULT InvokeFromTypeInfo(ITypeInfo* info, IcomVtable* object, DISPID id, WORD 
         }
       } else {
         VariantClear(r->writeBack);
-        VariantCopy(r->writeBack, &r->value);
+        V_VT(r->writeBack) = r->pointee;
+        std::memcpy(&V_NONE(r->writeBack), r->buffer.data(), ElementSize(r->pointee));
       }
     }
   }

@@ -491,6 +491,43 @@ int ServerMode() {
     VariantClear(&text);
     VariantClear(&result);
 
+    // A script's number for an array parameter gets room for the whole array: 4096 bytes
+    // of host memory go out from it and come back into it.
+    VARIANT port[3];
+    VariantInit(&port[0]);
+    VariantInit(&port[1]);
+    VariantInit(&port[2]);
+    V_VT(&port[2]) = VT_I4;
+    V_I4(&port[2]) = 0x1234;  // plData
+    V_VT(&port[1]) = VT_I4;
+    V_I4(&port[1]) = 4096;    // plSize, in bytes
+    V_VT(&port[0]) = VT_I4;
+    V_I4(&port[0]) = 0;       // plAddress
+    params = {port, nullptr, 3, 0};
+    hr = dispatch->Invoke(52, IID_NULL, 0, DISPATCH_METHOD, &params, &result, nullptr, nullptr);
+    Check(hr == S_OK, "SetPort with numbers by value: " + Hex(hr));
+    {
+      // What went out: the number, then the zeros of the room (not whatever lay behind a
+      // single temporary).
+      std::vector<int16_t> back(2048, 0x5555);
+      int32_t bytes = 4096, address = 0, error32 = 0;
+      DispatchDriver by{dispatch};
+      by.GetPort(back.data(), &bytes, &address, &error32);
+      size_t nonzero = 0;
+      for (size_t k = 1; k < back.size(); ++k) nonzero += back[k] != 0;
+      Check(g_lastInvoke == S_OK && back[0] == 0x1234 && nonzero == 0,
+            "SetPort from a number sent it with zeros behind: " + std::to_string(nonzero) + " other values");
+    }
+    VARIANT data;
+    VariantInit(&data);
+    V_VT(&data) = VT_I4;
+    V_I4(&data) = 0;
+    V_VT(&port[2]) = VT_BYREF | VT_VARIANT;
+    V_VARIANTREF(&port[2]) = &data;
+    hr = dispatch->Invoke(53, IID_NULL, 0, DISPATCH_METHOD, &params, &result, nullptr, nullptr);
+    Check(hr == S_OK && V_VT(&data) == VT_I2 && V_I2(&data) == 0x1234,
+          "GetPort of 4096 bytes into a VARIANT reference: " + Hex(hr));
+
     params = {nullptr, nullptr, 0, 0};
     hr = dispatch->Invoke(46, IID_NULL, 0, DISPATCH_METHOD, &params, &result, nullptr, nullptr);
     Check(hr == DISP_E_BADPARAMCOUNT, "missing arguments are refused: " + Hex(hr));
