@@ -16,7 +16,8 @@ namespace tamrik::platform {
 void OutputDebugText(const char* text);
 
 // Linux: installs a process-wide receiver of every debug output call (null restores the
-// default, which writes each call to stderr as one UTF-8 line). Windows: unused.
+// default, which writes each call to stderr as one UTF-8 line). Windows: the sink gets every
+// call as well; the debugger keeps getting them.
 using DebugSink = void (*)(void* context, const char* text);
 void SetDebugSink(DebugSink sink, void* context);
 

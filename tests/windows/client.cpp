@@ -439,6 +439,8 @@ int ServerMode() {
       info->GetTypeAttr(&t);
       Check(IsEqualGUID(t->guid, IID_Icom), "the object's type info is Icom");
       info->ReleaseTypeAttr(t);
+      // The 67 methods as the object itself describes them.
+      CheckInterface(info, "object");
       info->Release();
     }
     const wchar_t* probes[][2] = {{L"kaVGetGatewayVersion", L"18"}, {L"KAVGETVERSION", L"46"},
