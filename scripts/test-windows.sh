@@ -207,6 +207,16 @@ counted_run "type library: 67 methods with names, DISPIDs, parameters, help stri
 w "C:\\tamrik\\tamrik-client.exe" server >"$work/server.out" 2>&1
 counted_run "server: ProgID, interfaces, class object, DllCanUnloadNow, IDispatch" "$work/server.out"
 
+# A renamed copy in a directory of its own, in demonstration mode there, while the registered
+# module's directory is not: the copy must read its own files.
+renamed=$WINEPREFIX/drive_c/renamed
+mkdir -p "$renamed"
+cp "$dll64" "$renamed/other.dll"
+configure "$renamed" 1
+demo_version=$(tr -d '\r' <examples/kaVdmo.ini | sed -n 's/^GWVersion=\(.*\)$/\1/p')
+w "C:\\tamrik\\tamrik-client.exe" renamed 'C:\renamed\other.dll' "$((demo_version))" >"$work/renamed.out" 2>&1
+counted_run "a renamed copy of the module reads the profile files beside itself" "$work/renamed.out"
+
 # --- the same calls on Linux and through the module -----------------------------------------------
 start_sim() {  # output file, then simulator arguments; waits for its first line
   "$linux/tamrik-sim" "${@:2}" >"$1" 2>&1 &

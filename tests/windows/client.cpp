@@ -1,6 +1,7 @@
 // Test client of tamrik.dll, run under wine after registration:
 //   client typelib DLLPATH                 the type library, from the module and the registry
 //   client server                          creation, interfaces, class object, unloading, IDispatch
+//   client renamed DLLPATH VERSION         a renamed copy finds its own profile files
 //   client scenario vtable|dispatch demo|tcp PORT|serial N
 //                                          the shared call sequence, lines for comparison
 // The checking modes print one line per failed check and close with "N passed, N failed".
@@ -12,6 +13,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cwchar>
 #include <string>
 #include <tuple>
@@ -549,6 +551,32 @@ int ServerMode() {
   return Close();
 }
 
+// A copy of the module under another name, loaded without the registry: its driver object
+// must find its profile files beside that copy (here a demonstration station), not beside
+// the registered module or the program.
+int RenamedMode(const char* path, int32_t expectedVersion) {
+  HMODULE module = LoadLibraryA(path);
+  Check(module != nullptr, std::string("load ") + path);
+  if (module == nullptr) return Close();
+  auto getClassObject = reinterpret_cast<HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**)>(
+      reinterpret_cast<void*>(GetProcAddress(module, "DllGetClassObject")));
+  IClassFactory* factory = nullptr;
+  Icom* object = nullptr;
+  if (getClassObject != nullptr && SUCCEEDED(getClassObject(CLSID_com, IID_IClassFactory, reinterpret_cast<void**>(&factory)))) {
+    factory->CreateInstance(nullptr, IID_Icom, reinterpret_cast<void**>(&object));
+    factory->Release();
+  }
+  Check(object != nullptr, "object from the renamed module");
+  if (object != nullptr) {
+    LONG version = 0, error = -1;
+    object->kaVGetGatewayVersion(&version, &error);
+    Check(error == 0 && version == expectedVersion,
+          "gateway version from the demonstration file beside the copy: " + std::to_string(version));
+    object->Release();
+  }
+  return Close();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -559,10 +587,12 @@ int main(int argc, char** argv) {
     result = TypeLibMode(argv[2]);
   } else if (mode == "server") {
     result = ServerMode();
+  } else if (mode == "renamed" && argc > 3) {
+    result = RenamedMode(argv[2], std::atoi(argv[3]));
   } else if (mode == "scenario" && argc > 3) {
     result = ScenarioMode(argv[2], argv[3], argc > 4 ? argv[4] : "");
   } else {
-    std::printf("usage: client typelib DLL | server | scenario vtable|dispatch demo|tcp PORT|serial N\n");
+    std::printf("usage: client typelib DLL | server | renamed DLL VERSION | scenario vtable|dispatch demo|tcp PORT|serial N\n");
   }
   CoUninitialize();
   return result;
