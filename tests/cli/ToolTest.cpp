@@ -182,7 +182,8 @@ TEST(Tool, TheDemoTourShowsEachStepAndEndsWell) {
   const RunResult run = Tool({"demo"});
   SCOPED_TRACE(Context({"demo"}, run));
   EXPECT_EQ(run.status, 0);
-  for (const char* step : {"Identity", sim::DefaultStation().identity.c_str(), "Modules", "Live inputs", "read 3",
+  const std::string identity = sim::DefaultStation().identity;
+  for (const char* step : {"Identity", identity.c_str(), "Modules", "Live inputs", "read 3",
                            "read back", "matches    yes", "Image download", "100%", "identical to the file",
                            "Demonstration finished."}) {
     EXPECT_NE(run.out.find(step), std::string::npos) << step;
