@@ -7,6 +7,7 @@
 #include <string>
 
 #include "ResultCodes.h"
+#include "protocol/LinkArgument.h"
 
 namespace tamrik {
 
@@ -37,18 +38,6 @@ bool IsAllowedBaudrate(int32_t baud) {
     default:
       return false;
   }
-}
-
-// atoi of the port text, without its undefined behaviour on overflow: the low 16 bits of
-// the decimal number are what htons would have kept anyway.
-uint16_t PortFromText(const std::string& text) {
-  size_t i = 0;
-  while (i < text.size() && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) ++i;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-  uint32_t value = 0;
-  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) value = value * 10 + uint32_t(text[i] - '0');
-  return uint16_t(negative ? 0u - value : value);
 }
 
 }  // namespace
@@ -165,34 +154,16 @@ uint32_t CComPort::OpenEthernet(const char* psAdditionalArg, const char* psRemot
   ResetReceive();
   if (platform::NetStartup(2, 2) != 0) return 1;
 
-  std::string arg = psAdditionalArg != nullptr ? psAdditionalArg : "";
-  const size_t comma = arg.find(',');
-  if (comma == std::string::npos || comma == 0) {
-    hSocket = platform::SocketCreate(false);
-    socketDatagram_ = false;
-  } else {
-    // The keywords count only after the first character; each takes the four characters of
-    // the keyword and the one after it with it.
-    const size_t udp = arg.find(",UDP", 1);
-    if (udp != std::string::npos) {
-      arg.erase(udp, 5);
-      hSocket = platform::SocketCreate(true);
-      socketDatagram_ = true;
-    }
-    const size_t tcp = arg.find(",TCP", 1);
-    if (tcp != std::string::npos) {
-      arg.erase(tcp, 5);
-      // Both keywords: the TCP socket wins, and the UDP socket is not left behind.
-      if (hSocket != kInvalidSocket) platform::SocketClose(hSocket);
-      hSocket = platform::SocketCreate(false);
-      socketDatagram_ = false;
-    }
+  const protocol::EthernetArgument parsed = protocol::ParseEthernetArgument(psAdditionalArg);
+  if (parsed.transport != protocol::EthernetTransport::None) {
+    socketDatagram_ = parsed.transport == protocol::EthernetTransport::Udp;
+    hSocket = platform::SocketCreate(socketDatagram_);
   }
   if (hSocket == kInvalidSocket) return 2;
   platform::SocketSetNonBlocking(hSocket);
   socketBounded_ = false;
 
-  addrRemote.port = PortFromText(arg);
+  addrRemote.port = parsed.port;
   // Windows Sockets refuses 0.0.0.0 and an unconvertible address at once, where Linux would
   // quietly connect to the local host; report both the same way everywhere.
   if (psRemoteIPAddress == nullptr || !protocol::ParseIpv4(psRemoteIPAddress, &addrRemote.address) ||

@@ -45,5 +45,15 @@ TEST(ProfileReplace, AReaderNeverSeesAPartlyWrittenFile) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);  // no temporary left
 }
 
+TEST(ProfileNames, AListCutShortNeverWritesPastTheBuffer) {
+  test::TempDir dir;
+  const std::string file = dir.File("kaVcnf.ini");
+  dir.Write("kaVcnf.ini", "[A]\nx=1\n[B]\ny=2\n");
+  // The first name fills the buffer up to the cut; the second must not be copied at all.
+  char buffer[4] = {'?', '?', '?', '?'};
+  EXPECT_EQ(platform::ProfileGetString(nullptr, nullptr, "", buffer, 3, file), 1u);
+  EXPECT_EQ(std::string(buffer, 4), std::string("A\0\0?", 4));
+}
+
 }  // namespace
 }  // namespace tamrik

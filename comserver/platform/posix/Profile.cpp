@@ -178,7 +178,8 @@ uint32_t CopyNameList(const std::vector<std::string_view>& names, char* buffer, 
   uint32_t pos = 0;
   for (std::string_view name : names) {
     if (static_cast<uint64_t>(pos) + name.size() + 1 >= size) {
-      size_t fit = size - 2 - pos;
+      // The names already copied may reach past the cut itself.
+      size_t fit = pos < size - 2 ? size - 2 - pos : 0;
       if (fit > 0) std::memcpy(buffer + pos, name.data(), fit);
       buffer[size - 2] = '\0';
       buffer[size - 1] = '\0';
