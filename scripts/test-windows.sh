@@ -163,6 +163,7 @@ reg_exists() { w reg query "$1" >/dev/null 2>&1; }
 
 clsid='{5A1E7D32-4C2B-11d2-A3F1-0060B7C25E90}'
 libid='{5A1E7D31-4C2B-11D2-A3F1-0060B7C25E90}'
+iid='{5A1E7D30-4C2B-11D2-A3F1-0060B7C25E90}'
 
 check_registered() {  # module path as Windows sees it, typelib platform
   local module=$1 platform=$2 ok=0 key
@@ -182,12 +183,15 @@ check_registered() {  # module path as Windows sees it, typelib platform
   subkeys=$(w reg query "HKCR\\CLSID\\$clsid" 2>/dev/null | tr -d '\r' | grep -ciF "HKEY_CLASSES_ROOT\\CLSID\\$clsid\\")
   [ "$subkeys" = 3 ] || { echo "  $subkeys subkeys under the class"; ok=1; }
   [ "$(reg_value "HKCR\\TypeLib\\$libid\\1.0\\409\\$platform")" = "$module" ] || { echo "  type library not registered"; ok=1; }
+  # Registering the type library makes Icom known for marshalling between apartments.
+  reg_exists "HKCR\\Interface\\$iid" || { echo "  Icom not registered as an interface"; ok=1; }
   return $ok
 }
 
 check_unregistered() {
   local ok=0 key
-  for key in 'HKCR\Tamrik.com' 'HKCR\Tamrik.com.1' "HKCR\\CLSID\\$clsid" "HKCR\\TypeLib\\$libid"; do
+  for key in 'HKCR\Tamrik.com' 'HKCR\Tamrik.com.1' "HKCR\\CLSID\\$clsid" "HKCR\\TypeLib\\$libid" \
+             "HKCR\\Interface\\$iid"; do
     if reg_exists "$key"; then echo "  $key is still there"; ok=1; fi
   done
   reg_exists 'HKCR\CLSID' || { echo "  HKCR\\CLSID is gone"; ok=1; }
