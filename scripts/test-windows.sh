@@ -238,7 +238,7 @@ stop_sims() {
 wine_trace() { tr -d '\r' <"$1" | sed -n 's/^[0-9a-f]*:[a-z]*:debugstr:OutputDebugStringA "\(.*\)"\(\.\.\.\)\{0,1\}$/\1/p'; }
 normalize_trace() {
   sed -e 's/^\(ComServer:Socket WSAGetLastError: \).*/\1<last error>/' \
-      -e 's/^\(ComServer:kaVOpenEthernet \)[0-9]*,/\1<port>,/' \
+      -e 's/^\(ComServer:kaVOpenEthernet \)[0-9]*\(,UDP\)\{0,1\},/\1<port>\2,/' \
       -e '/kaVGetGatewayTime-->/,/kaVGetGatewayTime<--/ s/^\(ComServer:Read Stream (len:0006): \).*/\1<clock>/' |
     cut -c1-240
 }
@@ -255,6 +255,10 @@ fresh_link() {  # link kind
     tcp)
       start_sim "$work/sim.out" --tcp 0
       link_port=$(sed -n 's/^tcp 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/sim.out")
+      ;;
+    udp)
+      start_sim "$work/sim.out" --udp 0
+      link_port=$(sed -n 's/^udp 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$work/sim.out")
       ;;
     serial)
       # COM5 of the prefix is the simulator's pseudo-terminal; the Linux peer reaches the
@@ -277,6 +281,9 @@ compare_runs() {  # label, link kind
   timeout 60 "$linux/tamrik-peer" "$peer_dir" "$kind" ${link_port:+"$link_port"} "$work/$label.linux.trace" \
     >"$work/$label.linux.out" 2>&1
   check $? "$label: Linux run"
+  # Equal results prove something only when the calls did work.
+  grep -q '^kaVGetGatewayVersion err=0x0 [1-9]' "$work/$label.linux.out"
+  check $? "$label: the gateway version was read"
   for way in vtable dispatch; do
     configure "$dir64" $demo
     fresh_link "$kind" || return
@@ -312,6 +319,7 @@ compare_runs() {  # label, link kind
 
 compare_runs demo demo
 compare_runs tcp tcp
+compare_runs udp udp
 compare_runs serial serial
 
 # --- script hosts ---------------------------------------------------------------------------------

@@ -11,7 +11,8 @@
 
 namespace tamrik::scenario {
 
-// How the link is made: "demo" (no link: demonstration mode), "tcp PORT" or "serial N".
+// How the link is made: "demo" (no link: demonstration mode), "tcp PORT", "udp PORT" or
+// "serial N".
 struct Link {
   std::string kind;
   std::string port;
@@ -58,9 +59,10 @@ void Run(Driver& d, const Link& link, Printer& p) {
   int32_t err = -1;
   uint32_t s = 0;
 
-  if (link.kind == "tcp") {
+  if (link.kind == "tcp" || link.kind == "udp") {
+    const std::string argument = link.kind == "udp" ? link.port + ",UDP" : link.port;
     err = -1;
-    s = d.kaVOpenEthernet(link.port.c_str(), "127.0.0.1", &err);
+    s = d.kaVOpenEthernet(argument.c_str(), "127.0.0.1", &err);
     p.Line("kaVOpenEthernet", s, st, err, "");
   } else if (link.kind == "serial") {
     err = -1;

@@ -2,7 +2,7 @@
 //   client typelib DLLPATH                 the type library, from the module and the registry
 //   client server                          creation, interfaces, class object, unloading, IDispatch
 //   client renamed DLLPATH VERSION         a renamed copy finds its own profile files
-//   client scenario vtable|dispatch demo|tcp PORT|serial N
+//   client scenario vtable|dispatch demo|tcp PORT|udp PORT|serial N
 //                                          the shared call sequence, lines for comparison
 // The checking modes print one line per failed check and close with "N passed, N failed".
 #include <windows.h>
@@ -592,7 +592,7 @@ int main(int argc, char** argv) {
   } else if (mode == "scenario" && argc > 3) {
     result = ScenarioMode(argv[2], argv[3], argc > 4 ? argv[4] : "");
   } else {
-    std::printf("usage: client typelib DLL | server | renamed DLL VERSION | scenario vtable|dispatch demo|tcp PORT|serial N\n");
+    std::printf("usage: client typelib DLL | server | renamed DLL VERSION | scenario vtable|dispatch demo|tcp PORT|udp PORT|serial N\n");
   }
   CoUninitialize();
   return result;

@@ -1,6 +1,6 @@
 // The Linux half of the comparison: runs the shared call sequence through libtamrik.so and
 // writes the trace lines in the form wine's debugger channel prints them.
-//   tamrik-peer DIR demo|tcp PORT|serial N TRACEFILE
+//   tamrik-peer DIR demo|tcp PORT|udp PORT|serial N TRACEFILE
 #include <cstdio>
 #include <string>
 
@@ -51,7 +51,7 @@ struct CDriver {
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::fprintf(stderr, "usage: tamrik-peer DIR demo|tcp PORT|serial N TRACEFILE\n");
+    std::fprintf(stderr, "usage: tamrik-peer DIR demo|tcp PORT|udp PORT|serial N TRACEFILE\n");
     return 2;
   }
   const std::string kind = argv[2];
