@@ -135,7 +135,8 @@ void Ccom::TraceMethodFormat(const char* format, ...) {
   char text[200];
   va_list args;
   va_start(args, format);
-  vsnprintf(text, sizeof text, format, args);
+  // The analyzer of clang 14 loses va_start in variadic member functions.
+  vsnprintf(text, sizeof text, format, args);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(args);
   pComPort->Trace(text);
 }

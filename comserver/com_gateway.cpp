@@ -73,7 +73,8 @@ uint32_t Ccom::StringMethod(const char* name, uint32_t serviceCode, const char* 
   if (nDemo == 1 && demoKey != nullptr) {
     // The count on entry is the caller's buffer size, terminating zero included.
     const std::string value = DemoText(kStation, demoKey, uint32_t(std::clamp(*size, 0, kMaxDemoText)));
-    memcpy(text, value.data(), value.size());
+    // Texts go to the host without a terminating zero; the count tells their length.
+    memcpy(text, value.data(), value.size());  // NOLINT(bugprone-not-null-terminated-result)
     *size = int32_t(value.size());
   } else if (nDemo == 0) {
     int32_t work[kStringCapacity] = {};

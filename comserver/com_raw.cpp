@@ -34,7 +34,8 @@ uint32_t Ccom::kaVTestBlockRead(int32_t* plData, int32_t* plSizeOfData, int32_t*
   // Bytes that no read sets (demonstration mode, a failed or short read) arrive as 0.
   std::vector<uint8_t> buffer(size_t(size), 0);
   if (nDemo == 0) *plError = int32_t(pComPort->ReadStream(buffer.data(), size));
-  for (int32_t i = 0; i < size; ++i) plData[i] = int8_t(buffer[size_t(i)]);
+  // The bytes reach the host sign-extended, as hosts of this method have always read them.
+  for (int32_t i = 0; i < size; ++i) plData[i] = int8_t(buffer[size_t(i)]);  // NOLINT(bugprone-signed-char-misuse)
   return 0;
 }
 

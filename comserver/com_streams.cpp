@@ -46,7 +46,8 @@ uint32_t Ccom::kaVSetModuleStreamSegmentData(int32_t* plData, int32_t* plSizeOfD
     // A longer segment would not fit the request buffer, and the gateway takes at most 127
     // stream bytes per block; both are refused before anything goes out.
     const int32_t header = int32_t(uint8_t(plData[0]));
-    const int32_t segmentLength = int32_t(int8_t(uint8_t(plData[1])));
+    // The length byte is signed: 0x80 and above are negative and refused below.
+    const int32_t segmentLength = int32_t(int8_t(uint8_t(plData[1])));  // NOLINT(bugprone-signed-char-misuse)
     if (segmentLength < 1 || segmentLength > kMaxSegmentLength || *plSizeOfData < 3 ||
         *plSizeOfData - 2 > kMaxStreamData) {
       *plError = int32_t(rc::kBadArgument);

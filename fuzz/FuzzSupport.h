@@ -78,7 +78,7 @@ inline const std::string& WorkDirectory() {
 }
 
 inline std::string WriteWorkFile(const std::string& name, const uint8_t* data, size_t size) {
-  const std::string path = WorkDirectory() + "/" + name;
+  std::string path = WorkDirectory() + "/" + name;
   std::ofstream(path, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(data), std::streamsize(size));
   return path;
 }

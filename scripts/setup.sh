@@ -2,7 +2,8 @@
 # Installs the Debian 12 packages that building and testing tamrik need. Safe to run again.
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest
-          libbenchmark-dev libmodbus-dev libcli11-dev)
+          libbenchmark-dev libmodbus-dev libcli11-dev
+          clang libclang-rt-14-dev clang-tidy cppcheck valgrind)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -4,4 +4,5 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh "$@"
-ctest --test-dir "${BUILD_DIR:-build}" --output-on-failure -j "$(nproc)"
+# The soak (label "soak") runs on its own: scripts/reliability.sh, or ctest -L soak.
+ctest --test-dir "${BUILD_DIR:-build}" --output-on-failure -j "$(nproc)" -LE soak

@@ -252,7 +252,7 @@ std::string WriteTarget(const std::string& path) {
     link.resize(static_cast<size_t>(n));
     if (!link.empty() && link.front() != '/') {
       size_t slash = target.rfind('/');
-      if (slash != std::string::npos) link = target.substr(0, slash + 1) + link;
+      if (slash != std::string::npos) link.insert(0, target, 0, slash + 1);
     }
     target = link;
   }
