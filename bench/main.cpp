@@ -574,9 +574,9 @@ void MeasureImages(std::vector<Transport>& transports, const std::string& image,
     tr.blockBare->Unrecorded(200);
     tr.blockSim->Unrecorded(200);
     const auto limit = [&tr] {
-      // Long enough a turn to be as warm as the download's own blocks.
-      tr.blockBare->Run(64, NowNs() + 1000000000LL);
-      tr.blockSim->Run(64, NowNs() + 1000000000LL);
+      // Turns as long as the download's own, so that each side starts cold as often.
+      tr.blockBare->Run(128, NowNs() + 1000000000LL);
+      tr.blockSim->Run(128, NowNs() + 1000000000LL);
     };
     for (int round = 0; round < rounds; ++round) {
       tr.downloadSeconds.push_back(Download(tr.driver->com(), image, 30, &tr.downloadBlocks, limit));
@@ -684,6 +684,12 @@ int main(int argc, char** argv) {
 
     std::printf("tamrik benchmarks: one run, every ratio from this run (load average at start %s)\n",
                 LoadAverage().c_str());
+#if !defined(NDEBUG)
+    std::printf("note: not an optimised build; its figures say little about the driver's speed\n");
+#endif
+    if (!tb::AllocationCountingAvailable()) {
+      std::printf("note: a sanitizer build; its figures say nothing about the driver's speed\n");
+    }
     std::fflush(stdout);
 
     std::vector<Transport> transports(3);
@@ -703,9 +709,9 @@ int main(int argc, char** argv) {
     if (!opt.profile.empty()) return Profile(opt, transports, image);
 
     // --- 1 to 3: exchanges --------------------------------------------------------------
-    const size_t socketCount = opt.quick ? 2000 : 20000;
-    const size_t ptyCount = opt.quick ? 1000 : 10000;
-    MeasureExchanges(transports, socketCount, ptyCount, opt.quick ? 20 : 90);
+    const size_t socketCount = opt.quick ? 2000 : 40000;
+    const size_t ptyCount = opt.quick ? 1000 : 20000;
+    MeasureExchanges(transports, socketCount, ptyCount, opt.quick ? 20 : 110);
     CountAllocations(transports);
 
     std::printf("\n1-3. Exchange of the input service: 7-byte request, 16-byte answer (9 data bytes)\n");
