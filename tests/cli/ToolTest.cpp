@@ -183,9 +183,11 @@ TEST(Tool, TheDemoTourShowsEachStepAndEndsWell) {
   SCOPED_TRACE(Context({"demo"}, run));
   EXPECT_EQ(run.status, 0);
   const std::string identity = sim::DefaultStation().identity;
-  for (const char* step : {"Identity", identity.c_str(), "Modules", "Live inputs", "read 3",
-                           "read back", "matches    yes", "Image download", "100%", "identical to the file",
-                           "Demonstration finished."}) {
+  const std::vector<std::string> steps = {"Identity",       identity,         "Modules",
+                                          "Live inputs",    "read 3",         "read back",
+                                          "matches    yes", "Image download", "100%",
+                                          "identical to the file", "Demonstration finished."};
+  for (const std::string& step : steps) {
     EXPECT_NE(run.out.find(step), std::string::npos) << step;
   }
   // No command at all is the same tour.
