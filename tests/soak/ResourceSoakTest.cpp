@@ -28,14 +28,20 @@ size_t OpenDescriptors() {
   return count;
 }
 
-// The simulator closes its end of a connection on its own thread; give it a moment to match.
-size_t SettledDescriptors(size_t expected) {
-  size_t now = OpenDescriptors();
-  for (int i = 0; i < 200 && now != expected; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    now = OpenDescriptors();
+// The simulator closes its end of a connection on its own thread, some time after the driver
+// closed its own: count once the number has held still for a while.
+size_t SettledDescriptors() {
+  size_t settled = OpenDescriptors();
+  for (int round = 0; round < 20; ++round) {
+    bool still = true;
+    for (int i = 0; i < 15 && still; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      still = OpenDescriptors() == settled;
+    }
+    if (still) return settled;
+    settled = OpenDescriptors();
   }
-  return now;
+  return settled;
 }
 
 size_t HeapInUse() { return mallinfo2().uordblks; }
@@ -52,7 +58,7 @@ TEST_P(Resources, TenThousandOpenAndCloseCyclesLeakNothing) {
   ASSERT_EQ(d.Open(), 0);
   ASSERT_EQ(d.com().kaVCloseComPort(0, &error), 0u);
 
-  const size_t descriptorsBefore = SettledDescriptors(OpenDescriptors());
+  const size_t descriptorsBefore = SettledDescriptors();
   const size_t heapBefore = HeapInUse();
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(150);
   int cycles = 0;
@@ -61,7 +67,7 @@ TEST_P(Resources, TenThousandOpenAndCloseCyclesLeakNothing) {
     ASSERT_EQ(d.com().kaVCloseComPort(0, &error), 0u);
     ASSERT_EQ(error, 0);
   }
-  const size_t descriptorsAfter = SettledDescriptors(descriptorsBefore);
+  const size_t descriptorsAfter = SettledDescriptors();
   const size_t heapAfter = HeapInUse();
   std::cout << test::LinkLabel(GetParam()) << ": " << cycles << " cycles, descriptors " << descriptorsBefore
             << " -> " << descriptorsAfter << ", heap in use " << heapBefore << " -> " << heapAfter << " bytes\n";
