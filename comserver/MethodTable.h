@@ -3,7 +3,7 @@
 // place that must name each method once.
 //
 // TAMRIK_METHOD(dispid, name, (parameters), (argument names))
-// Types: long and int are int32_t, long* is int32_t*, short* is int16_t*, unsigned char* is
+// Types: 32-bit integers and pointers to them are int32_t and int32_t*, short* is int16_t*, unsigned char* is
 // uint8_t*; texts the method only reads are const char*. The last parameter is always the
 // out-value that receives the result code.
 // clang-format off

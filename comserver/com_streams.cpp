@@ -24,7 +24,7 @@ uint32_t Ccom::kaVGetModuleStreamDataSizeList(int32_t* plData, int32_t* plSizeOf
 }
 
 uint32_t Ccom::kaVSetModuleStreamDataPosition(int32_t* plData, int32_t* plError) {
-  TraceMethodFormat("DL: %lX kaVSetModuleStreamDataPosition-->", long(kPositionValues));
+  TraceMethodFormat("DL: %X kaVSetModuleStreamDataPosition-->", uint32_t(kPositionValues));
   if (nDemo == 0) {
     // The caller's array is known to hold the two request values; the answer gets no more.
     const int32_t requestCount = kPositionValues;

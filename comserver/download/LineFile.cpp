@@ -69,7 +69,7 @@ uint32_t CComPort::DownloadLine() {
   size_t length = 0;
   bool tooLong = false;
   bool found = false;
-  if (fseek(pfLoadStream, long(nLoadPosition), SEEK_SET) == 0) {
+  if (fseek(pfLoadStream, static_cast<long>(nLoadPosition), SEEK_SET) == 0) {
     for (int c = fgetc(pfLoadStream); c != EOF; c = fgetc(pfLoadStream)) {
       if (c == ':') {
         found = true;

@@ -142,7 +142,7 @@ TEST(CInterfaceInput, StringsOfAnyLengthAreSafeAndTraceLinesStayBounded) {
   dir.Write("kaVcnf.ini", InitSection(0, 1));
   tamrik_com* com = tamrik_create_in(dir.path().c_str());
   ASSERT_NE(com, nullptr);
-  // Conversion specifications in a host string are text, never formats.
+  // Conversion directives in a host string are text, never formats.
   const std::string huge = "%s%n%x" + std::string(1 << 20, 'x');
   int32_t error = -1;
 
