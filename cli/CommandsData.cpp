@@ -84,7 +84,7 @@ void Watch(Context& ctx, int64_t count, int64_t intervalMs) {
     std::string text;
     char part[64];
     if (n == 0) {
-      std::snprintf(part, sizeof part, "#%-3lld %6lld ms  ", static_cast<long long>(n + 1), static_cast<long long>(ms));
+      std::snprintf(part, sizeof part, "#%-3lld %6lld ms  ", static_cast<long long>(n) + 1, static_cast<long long>(ms));
       text = part + Json::Bytes(now).Text();
     } else {
       for (size_t i = 0; i < std::max(now.size(), previous.size()); ++i) {
@@ -102,7 +102,7 @@ void Watch(Context& ctx, int64_t count, int64_t intervalMs) {
         text += part;
       }
       changes += int64_t(changed.Size());
-      std::snprintf(part, sizeof part, "#%-3lld %6lld ms  ", static_cast<long long>(n + 1), static_cast<long long>(ms));
+      std::snprintf(part, sizeof part, "#%-3lld %6lld ms  ", static_cast<long long>(n) + 1, static_cast<long long>(ms));
       text = part + (text.empty() ? std::string("no change") : text);
     }
     ctx.Say(text + "\n");

@@ -63,7 +63,7 @@ void Firmware(Context& ctx, const std::string& file) {
     Check("kaVDownloadFirmwareLines", tamrik_kaVDownloadFirmwareLines(session.com(), &line, &error), error,
           ResultContext::Loader);
     bytes += size_t(n) < sizes.size() ? sizes[size_t(n)] : 0;
-    progress.Update(uint64_t(n + 1), bytes);
+    progress.Update(uint64_t(n) + 1, bytes);
   }
   progress.Finish();
   ctx.result.Set("file", file);

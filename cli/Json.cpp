@@ -252,6 +252,7 @@ void Json::RenderTo(std::string& out, int indent) const {
       // Columns from the first row; every row of a result has the same members.
       const auto& first = value[0].Fields();
       std::vector<size_t> widths;
+      widths.reserve(first.size());
       for (const auto& column : first) widths.push_back(Label(column.first).size());
       for (size_t r = 0; r < value.Size(); ++r) {
         for (size_t c = 0; c < first.size(); ++c) {

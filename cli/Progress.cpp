@@ -1,5 +1,6 @@
 #include "Progress.h"
 
+#include <cmath>
 #include <cstdio>
 
 namespace tamrik::cli {
@@ -43,13 +44,13 @@ double Progress::Seconds() const {
 
 std::string Progress::Line(int width) const {
   const double fraction = totalUnits_ > 0 ? double(units_) / double(totalUnits_) : 1.0;
-  const int filled = int(fraction * width + 0.5);
+  const int filled = int(std::lround(fraction * width));
   std::string bar = "[" + std::string(size_t(filled), '#') + std::string(size_t(width - filled), '.') + "]";
   const double seconds = Seconds();
   const double rate = seconds > 0 ? double(bytes_) / seconds : 0.0;
   char text[200];
   std::snprintf(text, sizeof text, "%s %s %3d%%  %llu/%llu %s  %s/%s  %s/s", label_.c_str(), bar.c_str(),
-                int(fraction * 100 + 0.5), static_cast<unsigned long long>(units_),
+                int(std::lround(fraction * 100)), static_cast<unsigned long long>(units_),
                 static_cast<unsigned long long>(totalUnits_), unitName_.c_str(), FormatBytes(double(bytes_)).c_str(),
                 FormatBytes(double(totalBytes_)).c_str(), FormatBytes(rate).c_str());
   return text;

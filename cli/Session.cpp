@@ -28,7 +28,7 @@ int32_t ComNumber(const std::string& text) {
   for (char c : digits) {
     if (c < '0' || c > '9') return 0;
   }
-  const int32_t n = std::atoi(digits.c_str());
+  const int32_t n = int32_t(std::strtol(digits.c_str(), nullptr, 10));
   return n >= 1 && n <= 255 ? n : 0;
 }
 
@@ -66,7 +66,8 @@ bool SplitHostPort(const std::string& text, std::string* address, std::string* p
       return false;
     }
   }
-  if (std::atol(port->c_str()) < 1 || std::atol(port->c_str()) > 65535) {
+  const auto number = port->size() > 5 ? 0 : std::strtol(port->c_str(), nullptr, 10);
+  if (number < 1 || number > 65535) {
     *error = "port " + *port + " is out of range";
     return false;
   }

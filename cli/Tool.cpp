@@ -60,7 +60,7 @@ std::vector<uint8_t> ParseBytes(const std::vector<std::string>& args) {
       if (piece.empty()) return;
       std::string digits = piece;
       if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) digits = digits.substr(2);
-      if (digits.size() % 2 == 1) digits = "0" + digits;
+      if (digits.size() % 2 == 1) digits.insert(digits.begin(), '0');
       for (size_t i = 0; i < digits.size(); i += 2) {
         const int hi = HexDigit(digits[i]);
         const int lo = HexDigit(digits[i + 1]);
@@ -94,6 +94,7 @@ int64_t ParseNumber(const std::string& text, const char* what, int64_t low, int6
 
 std::vector<uint8_t> ValuesToBytes(const int32_t* values, int32_t count) {
   std::vector<uint8_t> bytes;
+  bytes.reserve(size_t(count > 0 ? count : 0));
   for (int32_t i = 0; i < count; ++i) bytes.push_back(uint8_t(values[i] & 0xFF));
   return bytes;
 }

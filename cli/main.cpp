@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <exception>
 #include <string>
 
 #include "Tool.h"
@@ -93,7 +94,7 @@ void Codes(Context& ctx, const std::vector<std::string>& args, bool markdown) {
 }  // namespace
 }  // namespace tamrik::cli
 
-int main(int argc, char** argv) {
+static int Run(int argc, char** argv) {
   using namespace tamrik::cli;
   using tamrik::DescribeResult;
   using tamrik::FormatResult;
@@ -256,4 +257,17 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   ctx.session_.reset();
   return status;
+}
+
+// Nothing may leave the program as an exception: whatever the libraries throw ends here with
+// a message and a failure status.
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "tamrik: %s\n", e.what());
+  } catch (...) {
+    std::fprintf(stderr, "tamrik: unexpected failure\n");
+  }
+  return 1;
 }

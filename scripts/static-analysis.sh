@@ -3,9 +3,8 @@
 # (.cppcheck-suppressions) and clang-tidy (.clang-tidy). Any finding fails the run; a finding
 # that is not a defect is suppressed where it occurs, with the reason beside it.
 #
-# clang-tidy covers the driver (comserver/, Linux platform layer), the simulator library and
-# the fuzz targets. The tool (cli/) and the simulator's command line (sim/main.cpp) are
-# analysed by cppcheck; for clang-tidy over them as well: TIDY_ALL=1 scripts/static-analysis.sh
+# clang-tidy covers the driver (comserver/, Linux platform layer), the simulator with its
+# program, the tool (cli/) and the fuzz targets.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build_dir="${BUILD_DIR:-build-tidy}"
@@ -20,7 +19,6 @@ CC=clang CXX=clang++ cmake -S . -B "$build_dir" -G Ninja -DCMAKE_EXPORT_COMPILE_
   -DTAMRIK_BUILD_BENCH=OFF -DTAMRIK_FUZZ=ON >/dev/null
 files=(comserver/*.cpp comserver/capi/*.cpp comserver/download/*.cpp comserver/protocol/*.cpp
        comserver/platform/posix/*.cpp fuzz/*.cpp)
-for f in sim/*.cpp; do [ "$f" = sim/main.cpp ] || files+=("$f"); done
-if [ -n "${TIDY_ALL:-}" ]; then files+=(cli/*.cpp sim/main.cpp); fi
+files+=(sim/*.cpp cli/*.cpp)
 printf '%s\n' "${files[@]}" | xargs -P "${JOBS:-2}" -n 4 clang-tidy -p "$build_dir" --quiet
 echo "clang-tidy: no findings in ${#files[@]} files"

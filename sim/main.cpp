@@ -142,7 +142,7 @@ int ServeBootLoader(const std::string& mode, bool withoutSetCtx, const std::stri
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int Run(int argc, char** argv) {
   CLI::App app{
       "tamrik-sim: a simulated field-bus gateway for the tamrik driver and tool.\n"
       "Listens on 127.0.0.1 only. Without a link option it listens on TCP on a free port.\n"
@@ -286,4 +286,17 @@ int main(int argc, char** argv) {
     return 1;
   }
   return 0;
+}
+
+// Nothing may leave the program as an exception: whatever the libraries throw ends here with
+// a message and a failure status.
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "tamrik-sim: %s\n", e.what());
+  } catch (...) {
+    std::fprintf(stderr, "tamrik-sim: unexpected failure\n");
+  }
+  return 1;
 }
