@@ -10,6 +10,7 @@
 
 #include "Json.h"
 #include "cli/ProcessSupport.h"
+#include "cli/ToolSupport.h"
 #include "common/TestSupport.h"
 
 namespace tamrik {
@@ -18,21 +19,8 @@ namespace {
 using cli::Json;
 using test::Process;
 using test::RunResult;
-
-RunResult Tool(std::vector<std::string> args, int timeoutMs = 30000) {
-  args.insert(args.begin(), TAMRIK_TOOL);
-  return test::Run(args, timeoutMs);
-}
-
-Json ToolJson(std::vector<std::string> args, RunResult* run = nullptr) {
-  args.insert(args.begin(), "--json");
-  RunResult result = Tool(args);
-  Json doc;
-  std::string error;
-  EXPECT_TRUE(cli::ParseJson(result.out, &doc, &error)) << error << "\n" << result.out << result.err;
-  if (run != nullptr) *run = result;
-  return doc;
-}
+using test::Tool;
+using test::ToolJson;
 
 int64_t Int(const Json& doc, const std::string& key) {
   const Json* v = doc.Find(key);

@@ -12,6 +12,7 @@
 #include "Json.h"
 #include "SimStation.h"
 #include "cli/ProcessSupport.h"
+#include "cli/ToolSupport.h"
 #include "common/TestSupport.h"
 
 namespace tamrik {
@@ -19,22 +20,8 @@ namespace {
 
 using cli::Json;
 using test::RunResult;
-
-RunResult Tool(std::vector<std::string> args, int timeoutMs = 30000) {
-  args.insert(args.begin(), TAMRIK_TOOL);
-  return test::Run(args, timeoutMs);
-}
-
-// The tool with --json: the document on stdout, which must parse.
-Json ToolJson(std::vector<std::string> args, RunResult* run = nullptr) {
-  args.insert(args.begin(), "--json");
-  RunResult result = Tool(args);
-  Json doc;
-  std::string error;
-  EXPECT_TRUE(cli::ParseJson(result.out, &doc, &error)) << error << "\n" << result.out << result.err;
-  if (run != nullptr) *run = result;
-  return doc;
-}
+using test::Tool;
+using test::ToolJson;
 
 std::string Context(const std::vector<std::string>& args, const RunResult& r) {
   std::string text = "tamrik";
