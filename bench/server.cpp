@@ -22,6 +22,7 @@
 // and stops on SIGTERM or SIGINT.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <modbus.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -348,6 +349,10 @@ void RunSim(const std::string& transport, const std::string& model, uint32_t pac
     std::fprintf(stderr, "tamrik-bench-server: %s\n", error.c_str());
     std::exit(1);
   }
+  // Freed image buffers stay with the process, so that a download after the first ones
+  // writes into pages that are already there (see the image section of the benchmark).
+  mallopt(M_MMAP_THRESHOLD, 256 << 20);
+  mallopt(M_TRIM_THRESHOLD, 512 << 20);
   SimServer server(std::move(*station), paceBaud);
   if (transport == "tcp") {
     const int l = ListenTcp();

@@ -283,6 +283,7 @@ uint32_t CComPort::ReadSocketUntil(uint8_t* buffer, int32_t length, bool returnW
   const uint32_t bound =
       socketBounded_ ? nReadTotalMultiplier * wanted + nActiveReadTotalConstant : kSocketReadBoundMs;
   uint64_t deadline = 0;
+  bool started = false;
   uint32_t copied = 0;
   while (true) {
     const uint32_t take = std::min(wanted - copied, nRecvFill - nRecvOffset);
@@ -294,7 +295,27 @@ uint32_t CComPort::ReadSocketUntil(uint8_t* buffer, int32_t length, bool returnW
     if (copied == wanted) break;
     nRecvOffset = 0;
     nRecvFill = 0;
-    const int32_t received = platform::SocketRecv(hSocket, abyRecvBuffer, kRecvBufferSize);
+    int32_t received;
+    if (returnWhenEmpty && copied == 0) {
+      received = platform::SocketRecv(hSocket, abyRecvBuffer, kRecvBufferSize);
+      if (received == -wsa::kWouldBlock) return rc::kNoDataYet;
+    } else {
+      // One waiting receive, not a look followed by a wait: an answer that is not there
+      // yet costs the same single system call as in a blocking client.
+      const uint64_t now = platform::MonotonicMs();
+      if (!started) {
+        started = true;
+        deadline = now + bound;
+      } else if (now >= deadline) {
+        if (Tracing()) {
+          char text[48];
+          snprintf(text, sizeof text, "WSAGetLastError: %X", uint32_t(wsa::kWouldBlock));
+          Trace(text);
+        }
+        return rc::kReadShort;
+      }
+      received = platform::SocketRecvWait(hSocket, abyRecvBuffer, kRecvBufferSize, uint32_t(deadline - now));
+    }
     if (received > 0) {
       nRecvFill = uint32_t(received);
       continue;
@@ -303,21 +324,7 @@ uint32_t CComPort::ReadSocketUntil(uint8_t* buffer, int32_t length, bool returnW
       if (socketDatagram_) continue;  // an empty datagram carries nothing
       return uint32_t(wsa::kConnReset);  // the peer closed the stream
     }
-    const int32_t error = -received;
-    if (error != wsa::kWouldBlock) return uint32_t(error);
-    if (returnWhenEmpty && copied == 0) return rc::kNoDataYet;
-    const uint64_t now = platform::MonotonicMs();
-    if (deadline == 0) deadline = now + bound;
-    if (now >= deadline) {
-      if (Tracing()) {
-        char text[48];
-        snprintf(text, sizeof text, "WSAGetLastError: %X", uint32_t(error));
-        Trace(text);
-      }
-      return rc::kReadShort;
-    }
-    const int32_t ready = platform::SocketWaitReadable(hSocket, uint32_t(deadline - now));
-    if (ready < 0) return uint32_t(-ready);
+    if (received != -wsa::kWouldBlock) return uint32_t(-received);
   }
   Trace("Read OUT");
   return rc::kOk;

@@ -1,5 +1,6 @@
 #include "SimEngine.h"
 
+#include <algorithm>
 #include <fstream>
 
 #include "SimFrame.h"
@@ -10,6 +11,7 @@ namespace {
 
 constexpr size_t kMaxMonitorFrames = 64;
 constexpr size_t kMaxMonitorFrameBytes = 64;
+constexpr size_t kImageReserveLimit = size_t(64) << 20;
 
 void PutLe16(std::vector<uint8_t>& out, uint16_t v) {
   out.push_back(uint8_t(v));
@@ -341,6 +343,10 @@ Answer ServiceEngine::ImageService(uint16_t code, std::span<const uint8_t> data)
     }
     progress = ImageDownload{};
     progress->announcedLength = length;
+    // The announced size at once: a buffer that grows block by block copies itself and
+    // touches fresh pages all the way, which costs more than answering the blocks does.
+    // An announcement beyond any real image gets no more than a plausible size up front.
+    progress->data.reserve(std::min<size_t>(length, kImageReserveLimit));
     if (data.size() == 8) progress->startAddress = GetLe32(data.subspan(4));
     return Ok(code);
   }

@@ -111,6 +111,12 @@ int32_t SocketSend(SocketHandle s, const uint8_t* buffer, uint32_t length);
 // connection that failed (refused, reset) reports so to every later send and receive.
 int32_t SocketRecv(SocketHandle s, uint8_t* buffer, uint32_t length);
 
+// Receives like SocketRecv, but waits up to timeoutMs for something to arrive, whether the
+// socket is blocking or not: minus 10035 when nothing came in time (or a signal cut the
+// wait short; the caller keeps its own deadline). Sends and receives without a wait stay
+// without one.
+int32_t SocketRecvWait(SocketHandle s, uint8_t* buffer, uint32_t length, uint32_t timeoutMs);
+
 // Waits until the socket has data or an error to report, at most timeoutMs: 1 ready,
 // 0 time-out, minus the error.
 int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs);

@@ -164,6 +164,102 @@ TEST(Socket, StreamExchangeWaitsAndReportsThePeer) {
   ::close(listener);
 }
 
+// The waiting receive switches the socket into a mode of its own; the calls that must not
+// wait have to stay that way around it, and the wait has to keep its bound.
+TEST(Socket, WaitingReceiveKeepsItsBoundAndLeavesOtherCallsWithoutWait) {
+  int listener = PlainSocket(SOCK_STREAM, true);
+  SocketHandle s = SocketCreate(false);
+  SocketSetNonBlocking(s);
+  SocketConnect(s, kLoopback, LocalPort(listener));
+  int peer = AcceptOne(listener);
+  ASSERT_GE(peer, 0);
+  SocketWaitConnected(s, 2000);
+
+  uint8_t buffer[16];
+  auto start = Clock::now();
+  EXPECT_EQ(SocketRecvWait(s, buffer, sizeof buffer, 150), -wsa::kWouldBlock);
+  int64_t elapsed = MsSince(start);
+  EXPECT_GE(elapsed, 149);
+  EXPECT_LT(elapsed, 150 + 400);
+  EXPECT_EQ(SocketLastError(), wsa::kWouldBlock);
+  start = Clock::now();
+  EXPECT_EQ(SocketRecvWait(s, buffer, sizeof buffer, 0), -wsa::kWouldBlock);
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kWouldBlock);
+  EXPECT_LT(MsSince(start), 100);
+
+  // A bound that changes between waits is the one that holds.
+  start = Clock::now();
+  EXPECT_EQ(SocketRecvWait(s, buffer, sizeof buffer, 40), -wsa::kWouldBlock);
+  elapsed = MsSince(start);
+  EXPECT_GE(elapsed, 39);
+  EXPECT_LT(elapsed, 40 + 400);
+
+  // An answer that arrives during the wait ends it.
+  std::thread answer([peer] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ::send(peer, "answer", 6, 0);
+  });
+  start = Clock::now();
+  EXPECT_EQ(SocketRecvWait(s, buffer, sizeof buffer, 3000), 6);
+  elapsed = MsSince(start);
+  answer.join();
+  EXPECT_GE(elapsed, 90);
+  EXPECT_LT(elapsed, 100 + 400);
+  EXPECT_EQ(std::string(buffer, buffer + 6), "answer");
+
+  // A send into a full connection still does not wait: the peer reads nothing. (A send
+  // that did wait is cut off after a second, so a fault shows as time, not as a hang.)
+  int small = 4096;
+  timeval safety{1, 0};
+  ASSERT_EQ(::setsockopt(peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small), 0);
+  ASSERT_EQ(::setsockopt(static_cast<int>(s), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+  ASSERT_EQ(::setsockopt(static_cast<int>(s), SOL_SOCKET, SO_SNDTIMEO, &safety, sizeof safety), 0);
+  static uint8_t block[4096];
+  int32_t sent = 0;
+  start = Clock::now();
+  for (int i = 0; i < 4096 && (sent = SocketSend(s, block, sizeof block)) > 0; ++i) {
+  }
+  EXPECT_EQ(sent, -wsa::kWouldBlock);
+  EXPECT_LT(MsSince(start), 500);
+
+  // Set non-blocking again by its owner, the socket still waits when asked to.
+  SocketSetNonBlocking(s);
+  start = Clock::now();
+  EXPECT_EQ(SocketRecvWait(s, buffer, sizeof buffer, 60), -wsa::kWouldBlock);
+  EXPECT_GE(MsSince(start), 59);
+
+  // A reset during the wait ends it and stays.
+  std::thread reset([peer] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    linger abort{1, 0};
+    ::setsockopt(peer, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    ::close(peer);
+  });
+  start = Clock::now();
+  EXPECT_EQ(SocketRecvWait(s, buffer, sizeof buffer, 3000), -wsa::kConnReset);
+  EXPECT_LT(MsSince(start), 1000);
+  reset.join();
+  EXPECT_EQ(SocketRecvWait(s, buffer, sizeof buffer, 3000), -wsa::kConnReset);
+  EXPECT_EQ(SocketRecv(s, buffer, sizeof buffer), -wsa::kConnReset);
+  SocketClose(s);
+
+  // Datagrams: a cut one is reported by the waiting receive as by the other.
+  SocketHandle a = SocketCreate(true);
+  SocketHandle b = SocketCreate(true);
+  ASSERT_EQ(SocketBind(a, kLoopback, 0), 0);
+  ASSERT_EQ(SocketBind(b, kLoopback, 0), 0);
+  ASSERT_EQ(SocketConnect(a, kLoopback, LocalPort(static_cast<int>(b))), 0);
+  ASSERT_EQ(SocketConnect(b, kLoopback, LocalPort(static_cast<int>(a))), 0);
+  SocketSetNonBlocking(b);
+  EXPECT_EQ(SocketSend(a, reinterpret_cast<const uint8_t*>("0123456789"), 10), 10);
+  EXPECT_EQ(SocketRecvWait(b, buffer, 4, 2000), -wsa::kMsgSize);
+  EXPECT_EQ(std::string(buffer, buffer + 4), "0123");
+  EXPECT_EQ(SocketRecvWait(b, buffer, sizeof buffer, 0), -wsa::kWouldBlock);
+  SocketClose(a);
+  SocketClose(b);
+  ::close(listener);
+}
+
 TEST(Socket, ConnectWaitEndsWithTheConnectionOrItsTime) {
   // A backlog of 0 takes one connection; the next one's handshake stays unanswered.
   int listener = PlainSocket(SOCK_STREAM, false);

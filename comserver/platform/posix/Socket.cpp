@@ -67,27 +67,41 @@ int32_t WsaFromErrno(int error) {
   }
 }
 
+// What the driver needs to remember about a socket beyond what the descriptor holds.
+//
 // Linux reports the failure of a connection (a refused or timed-out connect, a reset) to
 // the first call that asks and then answers later receives with 0 and sends with EPIPE.
 // Windows keeps reporting the failure, and the driver's logic relies on that, so each
 // stream socket keeps its failure here until it connects anew or is closed.
-std::mutex g_failMutex;
-std::unordered_map<int, int32_t> g_failed;
+//
+// A waiting receive is one blocking recvmsg with SO_RCVTIMEO as its bound: the same single
+// system call a blocking client makes, where a poll before the receive would cost a second
+// one per answer. So the first waiting receive clears O_NONBLOCK; the receives and sends
+// that must not wait pass MSG_DONTWAIT instead, and a later connect gets the mode back.
+struct SocketState {
+  int32_t failure = 0;
+  bool waitsBlocking = false;   // O_NONBLOCK cleared for the waiting receives
+  bool wasNonBlocking = false;  // ... and was set before
+  uint32_t recvTimeoutMs = 0;   // SO_RCVTIMEO as last set; 0 means never set
+};
 
-void ForgetFailure(int fd) {
-  std::lock_guard lock(g_failMutex);
-  g_failed.erase(fd);
+std::mutex g_stateMutex;
+std::unordered_map<int, SocketState> g_state;
+
+void ForgetState(int fd) {
+  std::lock_guard lock(g_stateMutex);
+  g_state.erase(fd);
 }
 
 void RememberFailure(int fd, int32_t wsaError) {
-  std::lock_guard lock(g_failMutex);
-  g_failed[fd] = wsaError;
+  std::lock_guard lock(g_stateMutex);
+  g_state[fd].failure = wsaError;
 }
 
 int32_t KnownFailure(int fd) {
-  std::lock_guard lock(g_failMutex);
-  auto it = g_failed.find(fd);
-  return it == g_failed.end() ? 0 : it->second;
+  std::lock_guard lock(g_stateMutex);
+  auto it = g_state.find(fd);
+  return it == g_state.end() ? 0 : it->second.failure;
 }
 
 bool IsConnectionFailure(int error) {
@@ -147,6 +161,68 @@ int64_t NowMs() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+// A new connect starts from the socket as its owner set it up: the failure of the last
+// connection is gone, and a socket that was non-blocking connects without waiting again.
+void RestoreMode(int fd) {
+  SocketState state;
+  {
+    std::lock_guard lock(g_stateMutex);
+    auto it = g_state.find(fd);
+    if (it == g_state.end()) return;
+    state = it->second;
+    g_state.erase(it);
+  }
+  if (state.waitsBlocking && state.wasNonBlocking) {
+    int flags = ::fcntl(fd, F_GETFL);
+    if (flags >= 0) (void)::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+  }
+  if (state.recvTimeoutMs != 0) {
+    timeval none{};
+    (void)::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
+  }
+}
+
+// Makes the descriptor's receives wait at most timeoutMs (not 0): O_NONBLOCK off once,
+// SO_RCVTIMEO only when the bound changes, so that a run of exchanges with one bound costs
+// no system call here. False, with the error recorded, when the socket refuses.
+bool PrepareWait(int fd, uint32_t timeoutMs) {
+  std::lock_guard lock(g_stateMutex);
+  SocketState& state = g_state[fd];
+  if (!state.waitsBlocking) {
+    int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ((flags & O_NONBLOCK) != 0 && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) < 0)) {
+      FailErrno(errno);
+      return false;
+    }
+    state.waitsBlocking = true;
+    state.wasNonBlocking = (flags & O_NONBLOCK) != 0;
+  }
+  if (state.recvTimeoutMs != timeoutMs) {
+    timeval bound{};
+    bound.tv_sec = static_cast<time_t>(timeoutMs / 1000);
+    bound.tv_usec = static_cast<suseconds_t>(timeoutMs % 1000) * 1000;
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound) != 0) {
+      FailErrno(errno);
+      return false;
+    }
+    state.recvTimeoutMs = timeoutMs;
+  }
+  return true;
+}
+
+// One recvmsg: the number of bytes, or minus the Windows Sockets error.
+int32_t ReceiveOnce(int fd, uint8_t* buffer, uint32_t length, int flags) {
+  iovec part{buffer, length > INT32_MAX ? static_cast<size_t>(INT32_MAX) : length};
+  msghdr msg{};
+  msg.msg_iov = &part;
+  msg.msg_iovlen = 1;
+  const ssize_t got = ::recvmsg(fd, &msg, flags);
+  if (got < 0) return -TransferError(fd, errno);
+  // Only a datagram can be cut; the part that fitted is in the buffer, as on Windows.
+  if ((msg.msg_flags & MSG_TRUNC) != 0) return -Fail(wsa::kMsgSize);
+  return static_cast<int32_t>(got);
+}
+
 }  // namespace
 
 int32_t NetStartup(uint8_t major, uint8_t minor) { return 0; }
@@ -161,7 +237,7 @@ SocketHandle SocketCreate(bool datagram) {
     FailErrno(errno);
     return kInvalidSocket;
   }
-  ForgetFailure(fd);  // left by an earlier descriptor of the same number
+  ForgetState(fd);  // left by an earlier descriptor of the same number
   return fd;
 }
 
@@ -169,7 +245,14 @@ void SocketSetNonBlocking(SocketHandle s) {
   int fd = Fd(s);
   if (fd < 0) return;
   int flags = ::fcntl(fd, F_GETFL);
-  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) FailErrno(errno);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+    FailErrno(errno);
+    return;
+  }
+  // The next waiting receive has to take O_NONBLOCK off again.
+  std::lock_guard lock(g_stateMutex);
+  auto it = g_state.find(fd);
+  if (it != g_state.end()) it->second.waitsBlocking = false;
 }
 
 int32_t SocketBind(SocketHandle s, uint32_t addressNetworkOrder, uint16_t port) {
@@ -185,7 +268,7 @@ int32_t SocketBind(SocketHandle s, uint32_t addressNetworkOrder, uint16_t port) 
 int32_t SocketConnect(SocketHandle s, uint32_t addressNetworkOrder, uint16_t port) {
   int fd = Fd(s);
   if (fd < 0) return wsa::kNotSocket;
-  ForgetFailure(fd);
+  RestoreMode(fd);
   // Windows refuses the unspecified address and port 0 as a destination at once; Linux
   // would take 0.0.0.0 for this machine and connect there.
   if (addressNetworkOrder == htonl(INADDR_ANY) || port == 0) return Fail(wsa::kAddrNotAvail);
@@ -230,7 +313,7 @@ int32_t SocketSend(SocketHandle s, const uint8_t* buffer, uint32_t length) {
   size_t n = length > INT32_MAX ? INT32_MAX : length;
   ssize_t sent;
   do {
-    sent = ::send(fd, buffer, n, MSG_NOSIGNAL);
+    sent = ::send(fd, buffer, n, MSG_NOSIGNAL | MSG_DONTWAIT);
   } while (sent < 0 && errno == EINTR);
   if (sent < 0) return -TransferError(fd, errno);
   return static_cast<int32_t>(sent);
@@ -240,18 +323,23 @@ int32_t SocketRecv(SocketHandle s, uint8_t* buffer, uint32_t length) {
   int fd = Fd(s);
   if (fd < 0) return -wsa::kNotSocket;
   if (int32_t failure = KnownFailure(fd)) return -Fail(failure);
-  iovec part{buffer, length > INT32_MAX ? static_cast<size_t>(INT32_MAX) : length};
-  msghdr msg{};
-  msg.msg_iov = &part;
-  msg.msg_iovlen = 1;
-  ssize_t got;
+  int32_t got;
   do {
-    got = ::recvmsg(fd, &msg, 0);
-  } while (got < 0 && errno == EINTR);
-  if (got < 0) return -TransferError(fd, errno);
-  // Only a datagram can be cut; the part that fitted is in the buffer, as on Windows.
-  if ((msg.msg_flags & MSG_TRUNC) != 0) return -Fail(wsa::kMsgSize);
-  return static_cast<int32_t>(got);
+    got = ReceiveOnce(fd, buffer, length, MSG_DONTWAIT);
+  } while (got == -wsa::kInterrupted);
+  return got;
+}
+
+int32_t SocketRecvWait(SocketHandle s, uint8_t* buffer, uint32_t length, uint32_t timeoutMs) {
+  int fd = Fd(s);
+  if (fd < 0) return -wsa::kNotSocket;
+  if (timeoutMs == 0) return SocketRecv(s, buffer, length);  // SO_RCVTIMEO 0 would never end
+  if (int32_t failure = KnownFailure(fd)) return -Fail(failure);
+  if (!PrepareWait(fd, timeoutMs)) return -t_lastError;
+  const int32_t got = ReceiveOnce(fd, buffer, length, 0);
+  // A signal ends the wait early; the caller, who keeps the deadline, waits again.
+  if (got == -wsa::kInterrupted) return -Fail(wsa::kWouldBlock);
+  return got;
 }
 
 int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs) {
@@ -299,7 +387,7 @@ void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
 void SocketClose(SocketHandle s) {
   int fd = Fd(s);
   if (fd < 0) return;
-  ForgetFailure(fd);
+  ForgetState(fd);
   if (::close(fd) != 0 && errno != EINTR) FailErrno(errno);
 }
 

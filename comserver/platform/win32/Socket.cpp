@@ -125,6 +125,16 @@ int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs) {
   return 1;  // data, or a close or reset that the next receive reports
 }
 
+int32_t SocketRecvWait(SocketHandle s, uint8_t* buffer, uint32_t length, uint32_t timeoutMs) {
+  const int32_t ready = SocketWaitReadable(s, timeoutMs);
+  if (ready < 0) return ready;
+  if (ready == 0) {
+    WSASetLastError(wsa::kWouldBlock);
+    return -wsa::kWouldBlock;
+  }
+  return SocketRecv(s, buffer, length);
+}
+
 void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
   if (s == kInvalidSocket) return;
   fd_set writable;
