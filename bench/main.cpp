@@ -403,9 +403,10 @@ void Judge(const std::string& target, const std::string& measured, bool holds) {
 // anything either of them does: a wake-up on the other CPU of this kind of virtual machine
 // takes it out of its halt, some 10 us, and whether that happens changes from one side of
 // the table to the next. On one CPU each exchange costs the two switches and the work of
-// both ends, which is what the driver can be held to. A description of the placement.
-std::string PinToOneCpu() {
-  cpu_set_t allowed;
+// both ends, which is what the driver can be held to. A description of the placement; the
+// CPUs allowed before go to *allowed, for Unpin.
+std::string PinToOneCpu(cpu_set_t* allowedBefore) {
+  cpu_set_t& allowed = *allowedBefore;
   CPU_ZERO(&allowed);
   if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return "placed by the scheduler (no affinity)";
   int last = -1;
@@ -708,7 +709,6 @@ int main(int argc, char** argv) {
     }
   }
   tb::InstallChildCleanup();
-  const std::string placement = opt.spread ? "placed by the scheduler (--spread)" : PinToOneCpu();
   const int64_t began = NowNs();
   try {
     TempDir dir;
@@ -718,7 +718,6 @@ int main(int argc, char** argv) {
 
     std::printf("tamrik benchmarks: one run, every ratio from this run (load average at start %s)\n",
                 LoadAverage().c_str());
-    std::printf("processes %s\n", placement.c_str());
 #if !defined(NDEBUG)
     std::printf("note: not an optimised build; its figures say little about the driver's speed\n");
 #endif
@@ -731,11 +730,16 @@ int main(int argc, char** argv) {
     transports[0].name = "tcp";
     transports[1].name = "udp";
     transports[2].name = "pty";
-    for (Transport& tr : transports) StartEnds(opt, dir, servers, tr);
+    // The paced far ends keep every CPU: started before the pinning, their wake-ups on the
+    // clock do not wait behind the other processes of the run.
     tb::Child& paced = servers.Start({opt.server, "sim", "pty", "--model", dir.File("station.model"), "--pace",
                                       std::to_string(kPaceBaud), "--stats", dir.File("paced.stats")});
     tb::Child& pacedBare = servers.Start({opt.server, "sim", "pty", "--model", dir.File("station.model"), "--pace",
                                           std::to_string(kPaceBaud), "--stats", dir.File("paced-bare.stats")});
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    std::printf("processes %s\n", opt.spread ? "placed by the scheduler (--spread)" : PinToOneCpu(&allowed).c_str());
+    for (Transport& tr : transports) StartEnds(opt, dir, servers, tr);
     WriteDriverConfig(dir, {{kComSim, PtyFrom(transports[2].simEnd.line)},
                             {kComProgram, PtyFrom(transports[2].programEnd.line)},
                             {kComBare, PtyFrom(transports[2].responderEnd.line)},
@@ -819,6 +823,9 @@ int main(int argc, char** argv) {
                 "  the bound\n");
 
     // --- 5: serial timing -----------------------------------------------------------------
+    // The serial timing is the paced line's, not the placement's: the client may use every
+    // CPU again, as its far end does.
+    if (CPU_COUNT(&allowed) > 0) sched_setaffinity(0, sizeof allowed, &allowed);
     const SerialResult serial = MeasureSerial(dir, paced, pacedBare, opt.quick ? 100 : 600);
     const double expected = serial.wireUs + serial.ownP50Us;
     const double off = serial.exchange.p50Us / expected - 1;
