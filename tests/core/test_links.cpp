@@ -350,6 +350,55 @@ TEST(Ethernet, UdpByPortNumberBindsTheFixedLocalAddress) {
   EXPECT_EQ(count, 2);
 }
 
+// The UDP link by port number talks from 192.168.0.1 to 192.168.0.99, addresses this
+// machine must not reach out of. tests/netns-run gives the test a network namespace of its
+// own with both on its loopback device; anywhere else the test has nothing to talk to.
+TEST(UdpByPortInNamespace, CarriesExchangesBoundedByTheSerialTimeOut) {
+  {
+    const int probe = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(0xC0A80001);
+    const bool ours = bind(probe, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
+    close(probe);
+    if (!ours) GTEST_SKIP() << "no 192.168.0.1 here; run through tests/netns-run";
+  }
+  sim::Simulator sim;
+  ASSERT_EQ(sim.StartUdp(4000, "192.168.0.99"), 4000);
+  TempDir dir;
+  dir.Write("kaVcnf.ini", InitSection(0, 0, 1, 9600, 300));
+  Ccom com(dir.path());
+  int32_t error = -1;
+  ASSERT_EQ(com.kaVOpenComPort(4000, &error), 0u);
+  EXPECT_EQ(error, 0);
+
+  int32_t version = 0;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(com.kaVGetGatewayVersion(&version, &error), 0u);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(version, 0x0102);
+  }
+
+  // Without an answer the call ends with the serial total time-out of the profile (300 ms),
+  // not with the fixed bound of the links by address.
+  sim.SetSilence(true);
+  const auto start = std::chrono::steady_clock::now();
+  com.kaVGetGatewayVersion(&version, &error);
+  const auto elapsed =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_NE(error, 0);
+  EXPECT_GE(elapsed, 290);
+  EXPECT_LT(elapsed, 300 + 500);
+
+  // The link is not worse for it.
+  sim.SetSilence(false);
+  version = 0;
+  EXPECT_EQ(com.kaVGetGatewayVersion(&version, &error), 0u);
+  EXPECT_EQ(error, 0);
+  EXPECT_EQ(version, 0x0102);
+  EXPECT_EQ(com.kaVCloseComPort(0, &error), 0u);
+}
+
 TEST(Ethernet, DatagramsAreServedPieceByPieceAndMayCarryPartsOfAFrame) {
   // A gateway of our own that answers in two datagrams.
   const int server = socket(AF_INET, SOCK_DGRAM, 0);
