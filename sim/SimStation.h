@@ -17,6 +17,18 @@ namespace tamrik::sim {
 // diagnosis answer by this table, so a module's default diagnosis size follows it.
 uint16_t DiagLengthForId(uint32_t moduleId);
 
+// Attribute keys all have one length; ordered byte by byte. (The standard order of byte
+// vectors is the same, but GCC 12 warns about the memcmp it inlines for it.)
+struct AttributeKeyLess {
+  bool operator()(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) const {
+    const size_t n = a.size() < b.size() ? a.size() : b.size();
+    for (size_t i = 0; i < n; ++i) {
+      if (a[i] != b[i]) return a[i] < b[i];
+    }
+    return a.size() < b.size();
+  }
+};
+
 struct Module {
   uint32_t id = 0;   // 24-bit identifier
   char type = 'D';   // 'D' digital, 'A' analogue: decides how the inputs move
@@ -85,7 +97,7 @@ struct Station {
   std::string toolIdent;           // 2308
   // 2322 / 2323: attribute values keyed by the first attributeKeyLength request bytes.
   size_t attributeKeyLength = 3;
-  std::map<std::vector<uint8_t>, std::vector<uint8_t>> attributes;
+  std::map<std::vector<uint8_t>, std::vector<uint8_t>, AttributeKeyLess> attributes;
 
   std::vector<std::vector<uint8_t>> monitorFrames;  // 26 / 27 hand these out first
 
