@@ -6,9 +6,11 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ComPort2.h"
+#include "FunctionRef.h"
 #include "MethodTable.h"
 
 namespace tamrik {
@@ -109,16 +111,31 @@ class Ccom {
   void WriteConfigInt(const char* key, int32_t value);
 
   // --- data, information, control, stream, raw and privileged methods ---------------------
-  // The frame of a method whose only behaviour is one exchange: traces "<name>-->" and
-  // "<name><--", and talks to the gateway only when nDemo is 0.
+  // What demonstration mode does in place of the exchange: nothing to go on to the end of
+  // the method, or the value the method returns at once (with *plError set by the step).
+  using DemoStep = FunctionRef<std::optional<uint32_t>()>;
+
+  // The frame of a method whose live behaviour is one exchange: traces "<name>-->" and
+  // "<name><--", talks to the gateway only when nDemo is 0 (and then runs afterAnswer on
+  // the values), and runs the demonstration step when nDemo is 1.
   uint32_t RunExchangeMethod(const char* name, uint32_t serviceCode, const void* requestData,
                              const int32_t* requestCount, int32_t* values, int32_t* count,
-                             size_t capacity, int32_t* error, RequestFailure onRequestFailure);
+                             size_t capacity, int32_t* error, RequestFailure onRequestFailure,
+                             DemoStep demo = {}, FunctionRef<void()> afterAnswer = {});
+
+  // The frame of the process, parameter and diagnosis methods (busy guard, the caller's
+  // buffer sent when sendsData, the answer into it).
+  uint32_t DataMethod(const char* name, uint32_t serviceCode, bool sendsData, int32_t* plData,
+                      int32_t* plSizeOfData, int32_t* plError, DemoStep demo, FunctionRef<void()> afterAnswer = {});
 
   // Text answers (one character per data byte, at most 200) copied without a terminating
   // zero; with a demoKey, demonstration mode reads that key of section "Station".
   uint32_t StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
                         int32_t* error);
+
+  // Hexadecimal digits from the start of a demonstration value (module and gateway
+  // identifiers), as "0x" followed by the text would read.
+  static uint32_t LeadingHex(const char* text);
 
   // Demonstration file access (integers default to 255, texts to "Fehler").
   int32_t DemoInt(const char* section, const char* key) const;

@@ -44,20 +44,6 @@ bool SkippedBitString(const std::string& s, bool dashSkips) {
   return !s.empty() && (s[0] == 'F' || (dashSkips && s[0] == '-'));
 }
 
-// Reads hexadecimal digits from the start of text, as "0x" followed by the text would read.
-uint32_t LeadingHex(const char* text) {
-  uint32_t value = 0;
-  for (const char* p = text; *p != '\0'; ++p) {
-    int digit;
-    if (*p >= '0' && *p <= '9') digit = *p - '0';
-    else if (*p >= 'a' && *p <= 'f') digit = *p - 'a' + 10;
-    else if (*p >= 'A' && *p <= 'F') digit = *p - 'A' + 10;
-    else break;
-    value = (value << 4) | uint32_t(digit);
-  }
-  return value;
-}
-
 // The demonstration refuses the counts that no request could carry, as the gateway path does.
 bool RequestCountFits(int32_t count, int32_t* plError) {
   if (count >= 0 && size_t(count) <= protocol::kMaxData) return true;
@@ -84,6 +70,19 @@ std::string HexText(const int32_t* bytes, int64_t first, int64_t count) {
 }
 
 }  // namespace
+
+uint32_t Ccom::LeadingHex(const char* text) {
+  uint32_t value = 0;
+  for (const char* p = text; *p != '\0'; ++p) {
+    int digit;
+    if (*p >= '0' && *p <= '9') digit = *p - '0';
+    else if (*p >= 'a' && *p <= 'f') digit = *p - 'a' + 10;
+    else if (*p >= 'A' && *p <= 'F') digit = *p - 'A' + 10;
+    else break;
+    value = (value << 4) | uint32_t(digit);
+  }
+  return value;
+}
 
 // --- demonstration file ----------------------------------------------------------------------
 
@@ -246,149 +245,103 @@ void Ccom::RecordDiagnosis(const int32_t* bytes, int32_t count) {
 // --- methods ---------------------------------------------------------------------------------
 
 uint32_t Ccom::kaVGetModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  TraceMethod("kaVGetModuleList-->");
-  if (nDemo == 1) {
-    if (!DemoModuleList(plData, plSizeOfData, plError)) return 0;
-  } else if (nDemo == 0) {
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceModuleList, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
-                  RequestFailure::ReturnZero, &methodReturn)) {
-      return methodReturn;
-    }
-    // Each four-byte group starts with a byte of its own; the other three are the identifier.
-    const int32_t count = std::max(*plSizeOfData, 0);
-    for (int32_t i = 0; i < count; ++i) plData[i] = int32_t((uint32_t(plData[i]) >> 8) & 0xFFFFFF);
-    if (pComPort->nLogfile == 1) RecordModuleLayout(plData, std::min(count, kMaxRecordedModules));
-  }
-  TraceMethod("kaVGetModuleList<--");
-  *plError = 0;
-  return 0;
+  return RunExchangeMethod(
+      "kaVGetModuleList", kServiceModuleList, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
+      RequestFailure::ReturnZero,
+      [&]() -> std::optional<uint32_t> {
+        if (!DemoModuleList(plData, plSizeOfData, plError)) return 0;
+        return std::nullopt;
+      },
+      [&] {
+        // Each four-byte group starts with a byte of its own; the other three are the identifier.
+        const int32_t count = std::max(*plSizeOfData, 0);
+        for (int32_t i = 0; i < count; ++i) plData[i] = int32_t((uint32_t(plData[i]) >> 8) & 0xFFFFFF);
+        if (pComPort->nLogfile == 1) RecordModuleLayout(plData, std::min(count, kMaxRecordedModules));
+      });
+}
+
+// The process, parameter and diagnosis methods: one caller at a time, and what goes to or
+// comes from the gateway is the caller's buffer as it stands.
+uint32_t Ccom::DataMethod(const char* name, uint32_t serviceCode, bool sendsData, int32_t* plData,
+                          int32_t* plSizeOfData, int32_t* plError, DemoStep demo, FunctionRef<void()> afterAnswer) {
+  if (!EnterBusy()) return rc::kBusy;
+  BusyRelease release{this};
+  return RunExchangeMethod(name, serviceCode, sendsData ? plData : nullptr, sendsData ? plSizeOfData : nullptr,
+                           plData, plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnCode, demo,
+                           afterAnswer);
 }
 
 uint32_t Ccom::kaVGetProcessInData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  if (!EnterBusy()) return rc::kBusy;
-  BusyRelease release{this};
-  TraceMethod("kaVGetProcessInData-->");
-  if (nDemo == 1) {
-    uint8_t result[kDemoResultSize];
-    int32_t n = 0;
-    const int32_t mode = DemoInt(kProcessData, "Mode");
-    if (mode == 1) {
-      n = DemoReadBits("Modi%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, result);
-    } else if (mode == 2) {
-      n = DemoAnimatedInputs(result);
-    }
-    Deliver(result, n, plData, plSizeOfData);
-  } else if (nDemo == 0) {
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceProcessIn, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
-                  RequestFailure::ReturnCode, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVGetProcessInData<--");
-  *plError = 0;
-  return 0;
+  return DataMethod("kaVGetProcessInData", kServiceProcessIn, false, plData, plSizeOfData, plError,
+                    [&]() -> std::optional<uint32_t> {
+                      uint8_t result[kDemoResultSize];
+                      int32_t n = 0;
+                      const int32_t mode = DemoInt(kProcessData, "Mode");
+                      if (mode == 1) {
+                        n = DemoReadBits("Modi%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, result);
+                      } else if (mode == 2) {
+                        n = DemoAnimatedInputs(result);
+                      }
+                      Deliver(result, n, plData, plSizeOfData);
+                      return std::nullopt;
+                    });
 }
 
 uint32_t Ccom::kaVGetProcessOutData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  if (!EnterBusy()) return rc::kBusy;
-  BusyRelease release{this};
-  TraceMethod("kaVGetProcessOutData-->");
-  if (nDemo == 1) {
-    uint8_t result[kDemoResultSize];
-    const int32_t n = DemoReadBits("Modo%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, result);
-    Deliver(result, n, plData, plSizeOfData);
-  } else if (nDemo == 0) {
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceProcessOutRead, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
-                  RequestFailure::ReturnCode, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVGetProcessOutData<--");
-  *plError = 0;
-  return 0;
+  return DataMethod("kaVGetProcessOutData", kServiceProcessOutRead, false, plData, plSizeOfData, plError,
+                    [&]() -> std::optional<uint32_t> {
+                      uint8_t result[kDemoResultSize];
+                      const int32_t n =
+                          DemoReadBits("Modo%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, result);
+                      Deliver(result, n, plData, plSizeOfData);
+                      return std::nullopt;
+                    });
 }
 
 uint32_t Ccom::kaVSetProcessOutData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  if (!EnterBusy()) return rc::kBusy;
-  BusyRelease release{this};
-  TraceMethod("kaVSetProcessOutData-->");
-  if (nDemo == 1) {
-    if (!RequestCountFits(*plSizeOfData, plError)) return rc::kBadArgument;
-    DemoWriteBits("Modo%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, plData, *plSizeOfData);
-  } else if (nDemo == 0) {
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceProcessOutWrite, plData, plSizeOfData, plData, plSizeOfData, protocol::kUnbounded,
-                  plError, RequestFailure::ReturnCode, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVSetProcessOutData<--");
-  *plError = 0;
-  return 0;
+  return DataMethod("kaVSetProcessOutData", kServiceProcessOutWrite, true, plData, plSizeOfData, plError,
+                    [&]() -> std::optional<uint32_t> {
+                      if (!RequestCountFits(*plSizeOfData, plError)) return rc::kBadArgument;
+                      DemoWriteBits("Modo%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, plData,
+                                    *plSizeOfData);
+                      return std::nullopt;
+                    });
 }
 
 uint32_t Ccom::kaVGetParameterData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  if (!EnterBusy()) return rc::kBusy;
-  BusyRelease release{this};
-  TraceMethod("kaVGetParameterData-->");
-  if (nDemo == 1) {
-    uint8_t result[kDemoResultSize];
-    const int32_t n = DemoReadBits("Param%d", 0, ModuleCount(DemoInt(kStation, "ModNum")) - 1, true, result);
-    Deliver(result, n, plData, plSizeOfData);
-  } else if (nDemo == 0) {
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceParameterRead, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
-                  RequestFailure::ReturnCode, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVGetParameterData<--");
-  *plError = 0;
-  return 0;
+  return DataMethod("kaVGetParameterData", kServiceParameterRead, false, plData, plSizeOfData, plError,
+                    [&]() -> std::optional<uint32_t> {
+                      uint8_t result[kDemoResultSize];
+                      const int32_t n =
+                          DemoReadBits("Param%d", 0, ModuleCount(DemoInt(kStation, "ModNum")) - 1, true, result);
+                      Deliver(result, n, plData, plSizeOfData);
+                      return std::nullopt;
+                    });
 }
 
 uint32_t Ccom::kaVSetParameterData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  if (!EnterBusy()) return rc::kBusy;
-  BusyRelease release{this};
-  TraceMethod("kaVSetParameterData-->");
-  if (nDemo == 1) {
-    if (!RequestCountFits(*plSizeOfData, plError)) return rc::kBadArgument;
-    DemoWriteBits("Param%d", 0, ModuleCount(DemoInt(kStation, "ModNum")) - 1, true, plData, *plSizeOfData);
-  } else if (nDemo == 0) {
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceParameterWrite, plData, plSizeOfData, plData, plSizeOfData, protocol::kUnbounded,
-                  plError, RequestFailure::ReturnCode, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVSetParameterData<--");
-  *plError = 0;
-  return 0;
+  return DataMethod("kaVSetParameterData", kServiceParameterWrite, true, plData, plSizeOfData, plError,
+                    [&]() -> std::optional<uint32_t> {
+                      if (!RequestCountFits(*plSizeOfData, plError)) return rc::kBadArgument;
+                      DemoWriteBits("Param%d", 0, ModuleCount(DemoInt(kStation, "ModNum")) - 1, true, plData,
+                                    *plSizeOfData);
+                      return std::nullopt;
+                    });
 }
 
 uint32_t Ccom::kaVGetDiagData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  if (!EnterBusy()) return rc::kBusy;
-  BusyRelease release{this};
-  TraceMethod("kaVGetDiagData-->");
-  if (nDemo == 1) {
-    // One entry for the gateway itself and one per module: Diag0 to DiagModNum.
-    uint8_t result[kDemoResultSize];
-    const int32_t n = DemoReadBits("Diag%d", 0, ModuleCount(DemoInt(kStation, "ModNum")), true, result);
-    Deliver(result, n, plData, plSizeOfData);
-  } else if (nDemo == 0) {
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceDiagnosis, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
-                  RequestFailure::ReturnCode, &methodReturn)) {
-      return methodReturn;
-    }
-    if (pComPort->nLogfile == 1) RecordDiagnosis(plData, *plSizeOfData);
-  }
-  TraceMethod("kaVGetDiagData<--");
-  *plError = 0;
-  return 0;
+  return DataMethod(
+      "kaVGetDiagData", kServiceDiagnosis, false, plData, plSizeOfData, plError,
+      [&]() -> std::optional<uint32_t> {
+        // One entry for the gateway itself and one per module: Diag0 to DiagModNum.
+        uint8_t result[kDemoResultSize];
+        const int32_t n = DemoReadBits("Diag%d", 0, ModuleCount(DemoInt(kStation, "ModNum")), true, result);
+        Deliver(result, n, plData, plSizeOfData);
+        return std::nullopt;
+      },
+      [&] {
+        if (pComPort->nLogfile == 1) RecordDiagnosis(plData, *plSizeOfData);
+      });
 }
 
 }  // namespace tamrik

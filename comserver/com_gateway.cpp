@@ -25,19 +25,6 @@ constexpr int32_t kErrorRecordSize = 7;
 // At most 30 entries of at most 255 bytes, each a record of its length plus one.
 constexpr int32_t kMaxErrorListValues = 30 * 256;
 
-uint32_t LeadingHex(const char* text) {
-  uint32_t value = 0;
-  for (const char* p = text; *p != '\0'; ++p) {
-    int digit;
-    if (*p >= '0' && *p <= '9') digit = *p - '0';
-    else if (*p >= 'a' && *p <= 'f') digit = *p - 'a' + 10;
-    else if (*p >= 'A' && *p <= 'F') digit = *p - 'A' + 10;
-    else break;
-    value = (value << 4) | uint32_t(digit);
-  }
-  return value;
-}
-
 // Two 16-bit halves of a millisecond count as the demonstration file keeps them.
 uint32_t Halves(int32_t high, int32_t low) { return uint32_t(high) * 65536u + uint32_t(low); }
 
@@ -45,9 +32,14 @@ uint32_t Halves(int32_t high, int32_t low) { return uint32_t(high) * 65536u + ui
 
 uint32_t Ccom::RunExchangeMethod(const char* name, uint32_t serviceCode, const void* requestData,
                                  const int32_t* requestCount, int32_t* values, int32_t* count,
-                                 size_t capacity, int32_t* error, RequestFailure onRequestFailure) {
+                                 size_t capacity, int32_t* error, RequestFailure onRequestFailure,
+                                 DemoStep demo, FunctionRef<void()> afterAnswer) {
   TraceMethodFormat("%s-->", name);
-  if (nDemo == 0) {
+  if (nDemo == 1) {
+    if (demo) {
+      if (const std::optional<uint32_t> early = demo()) return *early;
+    }
+  } else if (nDemo == 0) {
     int32_t work = 0;
     int32_t workCount = 0;
     if (values == nullptr) {
@@ -59,6 +51,7 @@ uint32_t Ccom::RunExchangeMethod(const char* name, uint32_t serviceCode, const v
                   error, onRequestFailure, &methodReturn)) {
       return methodReturn;
     }
+    if (afterAnswer) afterAnswer();
   }
   TraceMethodFormat("%s<--", name);
   *error = 0;
@@ -112,33 +105,20 @@ uint32_t Ccom::kaVGetGatewayVersionString(char* psGWVersionString, int32_t* plSi
 // --- versions, switches, mode ----------------------------------------------------------------
 
 uint32_t Ccom::kaVGetGatewayVersion(int32_t* plData, int32_t* plError) {
-  TraceMethod("kavGetGatewayVersion-->");
-  if (nDemo == 1) {
-    *plData = DemoInt(kStation, "GWVersion");
-  } else if (nDemo == 0) {
-    // The answer fills the two low bytes; the caller's upper bytes stay.
-    int32_t count = 0;
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceGatewayVersion, nullptr, nullptr, plData, &count, 1, plError,
-                  RequestFailure::ReturnZero, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kavGetGatewayVersion<--");
-  *plError = 0;
-  return 0;
+  // The answer fills the two low bytes; the caller's upper bytes stay.
+  return RunExchangeMethod("kavGetGatewayVersion", kServiceGatewayVersion, nullptr, nullptr, plData, nullptr, 1,
+                           plError, RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
+                             *plData = DemoInt(kStation, "GWVersion");
+                             return std::nullopt;
+                           });
 }
 
 uint32_t Ccom::kaVGetGatewayBootVersion(int32_t* plData, int32_t* plError) {
-  if (nDemo == 1) {
-    TraceMethod("kaVGetGatewayBootVersion-->");
-    *plData = DemoInt(kStation, "GWBootVersion");
-    TraceMethod("kaVGetGatewayBootVersion<--");
-    *plError = 0;
-    return 0;
-  }
   return RunExchangeMethod("kaVGetGatewayBootVersion", kServiceBootVersion, nullptr, nullptr, plData, nullptr, 1,
-                           plError, RequestFailure::ReturnZero);
+                           plError, RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
+                             *plData = DemoInt(kStation, "GWBootVersion");
+                             return std::nullopt;
+                           });
 }
 
 uint32_t Ccom::kaVGetCurrentGwSwitches(int32_t* plSwitch, int32_t* plError) {
@@ -147,54 +127,39 @@ uint32_t Ccom::kaVGetCurrentGwSwitches(int32_t* plSwitch, int32_t* plError) {
 }
 
 uint32_t Ccom::kaVGetGatewayOperationMode(int32_t* plOPMode, int32_t* plError) {
-  if (nDemo == 1) {
-    TraceMethod("kaVGetGatewayOperationMode-->");
-    *plOPMode = DemoInt(kStation, "GWOPMode");
-    TraceMethod("kaVGetGatewayOperationMode<--");
-    *plError = 0;
-    return 0;
-  }
   return RunExchangeMethod("kaVGetGatewayOperationMode", kServiceGetOperationMode, nullptr, nullptr, plOPMode,
-                           nullptr, 1, plError, RequestFailure::ReturnZero);
+                           nullptr, 1, plError, RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
+                             *plOPMode = DemoInt(kStation, "GWOPMode");
+                             return std::nullopt;
+                           });
 }
 
 uint32_t Ccom::kaVSetGatewayOperationMode(int32_t* plOPMode, int32_t* plError) {
   pComPort->ChangeTimings(false);
-  if (nDemo == 1) {
-    TraceMethod("kaVSetGatewayOperationMode-->");
-    // The demonstration gateway knows the modes 1 and 2 only.
-    if (*plOPMode == 1 || *plOPMode == 2) DemoWrite(kStation, "GWOPMode", std::to_string(*plOPMode));
-    TraceMethod("kaVSetGatewayOperationMode<--");
-    *plError = 0;
-    return 0;
-  }
   return RunExchangeMethod("kaVSetGatewayOperationMode", kServiceSetOperationMode, plOPMode, nullptr, plOPMode,
-                           nullptr, 1, plError, RequestFailure::ReturnZero);
+                           nullptr, 1, plError, RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
+                             // The demonstration gateway knows the modes 1 and 2 only.
+                             if (*plOPMode == 1 || *plOPMode == 2) {
+                               DemoWrite(kStation, "GWOPMode", std::to_string(*plOPMode));
+                             }
+                             return std::nullopt;
+                           });
 }
 
 // --- identifier, station address, clock --------------------------------------------------------
 
 uint32_t Ccom::kaVGetGatewayId(int32_t* plGatewayId, int32_t* plError) {
   pComPort->ChangeTimings(false);
-  TraceMethod("kaVGetGatewayId-->");
-  if (nDemo == 1) {
-    const std::string id = DemoText(kStation, "GatewayId", 10);
-    if (id.size() != 8) {
-      *plError = int32_t(rc::kDemoBadGatewayId);
-      return 0;
-    }
-    *plGatewayId = int32_t(LeadingHex(id.c_str()));
-  } else if (nDemo == 0) {
-    int32_t count = 0;
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceGatewayId, nullptr, nullptr, plGatewayId, &count, 1, plError,
-                  RequestFailure::ReturnZero, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVGetGatewayId<--");
-  *plError = 0;
-  return 0;
+  return RunExchangeMethod("kaVGetGatewayId", kServiceGatewayId, nullptr, nullptr, plGatewayId, nullptr, 1, plError,
+                           RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
+                             const std::string id = DemoText(kStation, "GatewayId", 10);
+                             if (id.size() != 8) {
+                               *plError = int32_t(rc::kDemoBadGatewayId);
+                               return 0;
+                             }
+                             *plGatewayId = int32_t(LeadingHex(id.c_str()));
+                             return std::nullopt;
+                           });
 }
 
 uint32_t Ccom::kaVGetStationAddress(int32_t* plAddress, int32_t* plError) {
@@ -310,20 +275,13 @@ uint32_t Ccom::kaVGetGatewayErrorList(int32_t* plEntrys, int32_t* plErrorData, i
 // --- module lists --------------------------------------------------------------------------
 
 uint32_t Ccom::kaVGetModulIdStatusList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  TraceMethod("kaVGetModulIdStatusList-->");
-  if (nDemo == 1) {
-    if (!DemoModuleList(plData, plSizeOfData, plError)) return 0;
-  } else if (nDemo == 0) {
-    // Values stay whole: identifier in the upper three bytes, status in the lowest.
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceModuleList, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
-                  RequestFailure::ReturnZero, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVGetModulIdStatusList<--");
-  *plError = 0;
-  return 0;
+  // Values stay whole: identifier in the upper three bytes, status in the lowest.
+  return RunExchangeMethod("kaVGetModulIdStatusList", kServiceModuleList, nullptr, nullptr, plData, plSizeOfData,
+                           protocol::kUnbounded, plError, RequestFailure::ReturnZero,
+                           [&]() -> std::optional<uint32_t> {
+                             if (!DemoModuleList(plData, plSizeOfData, plError)) return 0;
+                             return std::nullopt;
+                           });
 }
 
 uint32_t Ccom::kaVGetModuleSWRev(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
