@@ -1,13 +1,4 @@
-# Cross-compiles for i686 Windows with Debian's mingw-w64 (win32 thread model: the
-# driver needs no std::thread, so the module carries no threading runtime of its own).
-set(CMAKE_SYSTEM_NAME Windows)
+# Cross-compiles for i686 Windows with Debian's mingw-w64.
 set(CMAKE_SYSTEM_PROCESSOR i686)
 set(TAMRIK_MINGW_TRIPLET i686-w64-mingw32)
-set(CMAKE_C_COMPILER ${TAMRIK_MINGW_TRIPLET}-gcc-win32)
-set(CMAKE_CXX_COMPILER ${TAMRIK_MINGW_TRIPLET}-g++-win32)
-set(CMAKE_RC_COMPILER ${TAMRIK_MINGW_TRIPLET}-windres)
-set(TAMRIK_WIDL ${TAMRIK_MINGW_TRIPLET}-widl)
-set(CMAKE_FIND_ROOT_PATH /usr/${TAMRIK_MINGW_TRIPLET})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
