@@ -163,28 +163,24 @@ uint32_t Ccom::kaVGetGatewayId(int32_t* plGatewayId, int32_t* plError) {
 }
 
 uint32_t Ccom::kaVGetStationAddress(int32_t* plAddress, int32_t* plError) {
-  TraceMethod("kaVGetStationAddress-->");
-  if (nDemo == 1) {
-    *plAddress = DemoInt(kStation, "GWStationAddress");
-  } else if (nDemo == 0) {
-    int32_t work[kStationAddressCapacity] = {};
-    int32_t count = 0;
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceStationAddress, nullptr, nullptr, work, &count, kStationAddressCapacity, plError,
-                  RequestFailure::ReturnZero, &methodReturn)) {
-      return methodReturn;
-    }
-    // One byte is a short address; four or more give a long one. Anything else is no address.
-    if (count == 1) {
-      *plAddress = uint8_t(work[0]);
-    } else if (count >= 4) {
-      *plAddress = int32_t(uint32_t(uint8_t(work[0])) | (uint32_t(uint8_t(work[1])) << 8) |
-                           (uint32_t(uint8_t(work[2])) << 16) | (uint32_t(uint8_t(work[3])) << 24));
-    }
-  }
-  TraceMethod("kaVGetStationAddress<--");
-  *plError = 0;
-  return 0;
+  int32_t work[kStationAddressCapacity] = {};
+  int32_t count = 0;
+  return RunExchangeMethod(
+      "kaVGetStationAddress", kServiceStationAddress, nullptr, nullptr, work, &count, kStationAddressCapacity, plError,
+      RequestFailure::ReturnZero,
+      [&]() -> std::optional<uint32_t> {
+        *plAddress = DemoInt(kStation, "GWStationAddress");
+        return std::nullopt;
+      },
+      [&] {
+        // One byte is a short address; four or more give a long one. Anything else is no address.
+        if (count == 1) {
+          *plAddress = uint8_t(work[0]);
+        } else if (count >= 4) {
+          *plAddress = int32_t(uint32_t(uint8_t(work[0])) | (uint32_t(uint8_t(work[1])) << 8) |
+                               (uint32_t(uint8_t(work[2])) << 16) | (uint32_t(uint8_t(work[3])) << 24));
+        }
+      });
 }
 
 uint32_t Ccom::kaVSetStationAddress(int32_t* plAddress, int32_t* plError) {
@@ -194,35 +190,27 @@ uint32_t Ccom::kaVSetStationAddress(int32_t* plAddress, int32_t* plError) {
 
 uint32_t Ccom::kaVGetGatewayTime(int32_t* lDays, int32_t* lHours, int32_t* lMinutes, int32_t* lSeconds,
                                  int32_t* plError) {
-  TraceMethod("kaVGetGatewayTime-->");
   int32_t parts[4] = {};
-  bool deliver = false;
-  if (nDemo == 1) {
-    const protocol::MillisecondParts t =
-        protocol::MillisecondSplit(Halves(DemoInt(kStation, "TimeA"), DemoInt(kStation, "TimeB")));
-    parts[0] = int32_t(t.days);
-    parts[1] = int32_t(t.hours);
-    parts[2] = int32_t(t.minutes);
-    parts[3] = int32_t(t.seconds);
-    deliver = true;
-  } else if (nDemo == 0) {
-    int32_t count = 0;
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceGatewayTime, nullptr, nullptr, parts, &count, 4, plError, RequestFailure::ReturnZero,
-                  &methodReturn)) {
-      return methodReturn;
-    }
-    deliver = true;
-  }
-  if (deliver) {
+  const auto deliver = [&] {
     *lDays = parts[0];
     *lHours = parts[1];
     *lMinutes = parts[2];
     *lSeconds = parts[3];
-  }
-  TraceMethod("kaVGetGatewayTime<--");
-  *plError = 0;
-  return 0;
+  };
+  return RunExchangeMethod(
+      "kaVGetGatewayTime", kServiceGatewayTime, nullptr, nullptr, parts, nullptr, 4, plError,
+      RequestFailure::ReturnZero,
+      [&]() -> std::optional<uint32_t> {
+        const protocol::MillisecondParts t =
+            protocol::MillisecondSplit(Halves(DemoInt(kStation, "TimeA"), DemoInt(kStation, "TimeB")));
+        parts[0] = int32_t(t.days);
+        parts[1] = int32_t(t.hours);
+        parts[2] = int32_t(t.minutes);
+        parts[3] = int32_t(t.seconds);
+        deliver();
+        return std::nullopt;
+      },
+      deliver);
 }
 
 // --- error list ------------------------------------------------------------------------------

@@ -341,7 +341,7 @@ TEST_F(SerialTest, HangUpIsAnErrorNotATimeOut) {
   OpenRaw({0, 0, 3000});
   ::close(master_);
   master_ = -1;
-  uint8_t buffer[4];
+  uint8_t buffer[4] = {};
   uint32_t done = 0;
   auto start = Clock::now();
   EXPECT_FALSE(SerialRead(device_, buffer, 4, &done));

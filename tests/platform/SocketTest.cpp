@@ -291,7 +291,7 @@ TEST(Socket, ConnectWaitEndsWithTheConnectionOrItsTime) {
   start = Clock::now();
   SocketWaitConnected(refused, 2000);
   EXPECT_LT(MsSince(start), 1000);
-  uint8_t buffer[4];
+  uint8_t buffer[4] = {};
   EXPECT_EQ(SocketSend(refused, buffer, 1), -wsa::kConnRefused);
 
   SocketClose(first);
