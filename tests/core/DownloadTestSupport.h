@@ -50,6 +50,16 @@ struct DriverInDir {
     com->kaVOpenComPort(kLoaderPort, &error);
     return error;
   }
+  // Writes text as the line file "fw.hex", opens the line and announces the file: the
+  // number of records the driver counted, or -1 when a step failed.
+  int32_t StartLines(const std::string& text) {
+    const std::string file = Write("fw.hex", text);
+    if (OpenLine() != 0) return -1;
+    int32_t lines = 0;
+    int32_t error = -1;
+    if (com->kaVInitFirmwareDownload(file.c_str(), &lines, &error) != 0 || error != 0) return -1;
+    return lines;
+  }
   TempDir dir;
   std::unique_ptr<Ccom> com;
 };

@@ -93,12 +93,8 @@ TEST(FirmwareLineDownload, RefusedRecordsAreRepeatedAtMostThreeTimes) {
     records.push_back(HexRecord(uint16_t(i * 8), 0, test::Sequence(8, i)));
     text += records.back() + "\n";
   }
-  const std::string file = driver.Write("fw.hex", text);
-  ASSERT_EQ(driver.OpenLine(), 0);
-  int32_t lines = 0;
+  ASSERT_EQ(driver.StartLines(text), 4);
   int32_t error = -1;
-  ASSERT_EQ(driver.com->kaVInitFirmwareDownload(file.c_str(), &lines, &error), 0u);
-  ASSERT_EQ(lines, 4);
 
   int32_t line = 0;
   EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), 0u);
@@ -130,16 +126,12 @@ TEST(FirmwareLineDownload, RecordsEndWhereTheReaderStops) {
   DriverInDir driver(loader.slavePath());
   const std::string longest = HexRecord(0, 0, test::Sequence(194, 7));  // 199 bytes after ':'
   const std::string tooLong = HexRecord(0, 0, test::Sequence(195, 8));  // 200 bytes
-  const std::string file = driver.Write("fw.hex",
-                                        ":1020ab30\n"     // a lower-case letter opening a pair ends it
-                                        ":1a2B\n"         // ... while a second digit may be either case
-                                        ":0102 0304\n" +  // a blank ends it as well
-                                            longest + "\n" + tooLong + "\n:FF00");  // no line end
-  ASSERT_EQ(driver.OpenLine(), 0);
-  int32_t lines = 0;
+  ASSERT_EQ(driver.StartLines(":1020ab30\n"     // a lower-case letter opening a pair ends it
+                              ":1a2B\n"         // ... while a second digit may be either case
+                              ":0102 0304\n" +  // a blank ends it as well
+                              longest + "\n" + tooLong + "\n:FF00"),  // no line end
+            6);
   int32_t error = -1;
-  ASSERT_EQ(driver.com->kaVInitFirmwareDownload(file.c_str(), &lines, &error), 0u);
-  ASSERT_EQ(lines, 6);
 
   int32_t line = 0;
   for (int i = 0; i < 4; ++i) EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), 0u) << i;
@@ -163,12 +155,8 @@ TEST(FirmwareLineDownload, AFileWhoseCountNoLongerHoldsEndsWithTwoAndIsClosed) {
   DriverInDir driver(loader.slavePath());
   // An odd digit count lets the first record run on into the second one's ':', so the second
   // search finds no ':' left.
-  const std::string file = driver.Write("fw.hex", ":ABC\n:0102\n");
-  ASSERT_EQ(driver.OpenLine(), 0);
-  int32_t lines = 0;
+  ASSERT_EQ(driver.StartLines(":ABC\n:0102\n"), 2);
   int32_t error = -1;
-  ASSERT_EQ(driver.com->kaVInitFirmwareDownload(file.c_str(), &lines, &error), 0u);
-  ASSERT_EQ(lines, 2);
   int32_t line = 0;
   EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), 0u);
   EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), rc::kAnswerFailed);

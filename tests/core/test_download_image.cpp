@@ -53,6 +53,14 @@ class ImageDriver {
     return dir_.File("image.bin");
   }
   std::string MissingFile() const { return dir_.File("none.bin"); }
+  // Writes content as the image and announces it with no start address: the method's
+  // result, with its error in *error.
+  uint32_t Announce(const Bytes& content, int32_t* error) {
+    const std::string file = WriteImage(content);
+    int32_t start = -1;
+    int32_t blocks = 0;
+    return com_->kaVInitImageDownload(file.c_str(), &start, &blocks, error);
+  }
 
   std::vector<uint16_t> Codes() const {
     std::vector<uint16_t> out;
@@ -180,11 +188,8 @@ TEST(ImageDownload, OneMebibyteArrivesWhole) {
 
 TEST(ImageDownload, CancelAnnouncesNothingAndClosesTheFile) {
   ImageDriver driver(Link::Tcp);
-  const std::string file = driver.WriteImage(test::Sequence(1000, 3));
-  int32_t start = -1;
-  int32_t blocks = 0;
   int32_t error = -1;
-  ASSERT_EQ(driver.com().kaVInitImageDownload(file.c_str(), &start, &blocks, &error), 0u);
+  ASSERT_EQ(driver.Announce(test::Sequence(1000, 3), &error), 0u);
   int32_t block = 0;
   ASSERT_EQ(driver.com().kaVDownloadImageBlock(&block, &error), 0u);
   // The read time-out is left as it is.
@@ -221,21 +226,15 @@ TEST(ImageDownload, Failures) {
     SCOPED_TRACE("the announcement is refused");
     ImageDriver driver(Link::Tcp);
     driver.sim().RefuseService(kAnnounce);
-    const std::string file = driver.WriteImage(test::Sequence(10, 1));
-    int32_t start = -1;
-    int32_t blocks = 0;
     int32_t error = -1;
-    EXPECT_EQ(driver.com().kaVInitImageDownload(file.c_str(), &start, &blocks, &error), rc::kAnswerFailed);
+    EXPECT_EQ(driver.Announce(test::Sequence(10, 1), &error), rc::kAnswerFailed);
     EXPECT_EQ(error, int32_t(rc::kRefusalBase + 0x8000 + kAnnounce));
   }
   {
     SCOPED_TRACE("a block goes unanswered, the next call takes the following block");
     ImageDriver driver(Link::Tcp);
-    const std::string file = driver.WriteImage(test::Sequence(700, 1));
-    int32_t start = -1;
-    int32_t blocks = 0;
     int32_t error = -1;
-    ASSERT_EQ(driver.com().kaVInitImageDownload(file.c_str(), &start, &blocks, &error), 0u);
+    ASSERT_EQ(driver.Announce(test::Sequence(700, 1), &error), 0u);
     sim::AnswerFault silent;
     silent.silence = true;
     driver.sim().FaultNextAnswer(silent);
@@ -255,11 +254,8 @@ TEST(ImageDownload, Failures) {
     SCOPED_TRACE("the end service is refused");
     ImageDriver driver(Link::Tcp);
     driver.sim().RefuseService(kEnd);
-    const std::string file = driver.WriteImage(test::Sequence(10, 1));
-    int32_t start = -1;
-    int32_t blocks = 0;
     int32_t error = -1;
-    ASSERT_EQ(driver.com().kaVInitImageDownload(file.c_str(), &start, &blocks, &error), 0u);
+    ASSERT_EQ(driver.Announce(test::Sequence(10, 1), &error), 0u);
     int32_t block = 0;
     EXPECT_EQ(driver.com().kaVDownloadImageBlock(&block, &error), rc::kAnswerFailed);
     EXPECT_EQ(error, int32_t(rc::kRefusalBase + 0x8000 + kEnd));
@@ -314,12 +310,9 @@ TEST(ImageDownload, DemonstrationModeTakesBlocksButSendsNothing) {
 TEST(ImageDownload, TraceTexts) {
   TraceCapture trace;
   ImageDriver driver(Link::Tcp, 0, /*logfile=*/1);
-  const std::string file = driver.WriteImage(test::Sequence(300, 9));
-  int32_t start = -1;
-  int32_t blocks = 0;
   int32_t error = -1;
   trace.Clear();
-  ASSERT_EQ(driver.com().kaVInitImageDownload(file.c_str(), &start, &blocks, &error), 0u);
+  ASSERT_EQ(driver.Announce(test::Sequence(300, 9), &error), 0u);
   int32_t block = 0;
   ASSERT_EQ(driver.com().kaVDownloadImageBlock(&block, &error), 0u);
   ASSERT_EQ(driver.com().kaVDownloadImageBlock(&block, &error), 0u);
