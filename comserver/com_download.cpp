@@ -142,19 +142,9 @@ uint32_t Ccom::kaVInitImageDownload(const char* psFileName, int32_t* plStartAddr
     PutBytes(uint32_t(*plStartAddress), announcement + 4);
     count = 8;
   }
-  TraceMethod("kaVInitImageDownload-->");
-  if (nDemo == 0) {
-    int32_t scratch[kScratchValues] = {};
-    int32_t answerCount = 0;
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceImageAnnounce, announcement, &count, scratch, &answerCount, kScratchValues, plError,
-                  RequestFailure::ReturnZero, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVInitImageDownload<--");
-  *plError = 0;
-  return 0;
+  int32_t scratch[kScratchValues] = {};
+  return RunExchangeMethod("kaVInitImageDownload", kServiceImageAnnounce, announcement, &count, scratch, nullptr,
+                           kScratchValues, plError, RequestFailure::ReturnZero);
 }
 
 uint32_t Ccom::kaVDownloadImageBlock(int32_t* plBlock, int32_t* plError) {
@@ -202,23 +192,17 @@ uint32_t Ccom::kaVDownloadImageBlock(int32_t* plBlock, int32_t* plError) {
 uint32_t Ccom::kaVCancelImageDownload(int32_t* plError) {
   int32_t length = 0;
   pComPort->InitDownloadImage(nullptr, &length);
-  int32_t announcement[4] = {};
-  int32_t count = 4;
-  TraceMethod("kaVCancelImageDownload-->");
   if (nDemo != 0) {
+    TraceMethod("kaVCancelImageDownload-->");
     *plError = int32_t(rc::kDemoNoDownload);
     return 0;
   }
+  // An announcement of length 0.
+  const int32_t announcement[4] = {};
+  const int32_t count = 4;
   int32_t scratch[kScratchValues] = {};
-  int32_t answerCount = 0;
-  uint32_t methodReturn = 0;
-  if (!Exchange(kServiceImageAnnounce, announcement, &count, scratch, &answerCount, kScratchValues, plError,
-                RequestFailure::ReturnZero, &methodReturn)) {
-    return methodReturn;
-  }
-  TraceMethod("kaVCancelImageDownload<--");
-  *plError = 0;
-  return 0;
+  return RunExchangeMethod("kaVCancelImageDownload", kServiceImageAnnounce, announcement, &count, scratch, nullptr,
+                           kScratchValues, plError, RequestFailure::ReturnZero);
 }
 
 }  // namespace tamrik
