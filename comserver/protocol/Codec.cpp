@@ -5,6 +5,7 @@
 // that the compiler turns into jump tables, and the copies are single loops.
 #include <bit>
 #include <cstring>
+#include <optional>
 
 #include "ResultCodes.h"
 #include "protocol/Codec.h"
@@ -95,6 +96,15 @@ uint32_t DecodeErrorList(const uint8_t* data, size_t n, int32_t* values, size_t 
   }
   *count = int32_t(delivered);
   return rc::kOk;
+}
+
+// The header of a whole frame; nothing when fewer bytes were handed in than the frame's own
+// length field gives, since the rules would then read past them.
+std::optional<AnswerHeader> WholeFrameHeader(const uint8_t* frame, size_t frameLen) {
+  if (frame == nullptr || frameLen < kFrameOverhead) return std::nullopt;
+  const AnswerHeader h = ParseHeader(frame + 1);
+  if (frameLen < h.FrameLength()) return std::nullopt;
+  return h;
 }
 
 }  // namespace
@@ -224,17 +234,12 @@ uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLe
   if (count == nullptr) count = &ignoredCount;
   if (values == nullptr) capacity = 0;
 
-  // The frame's own length field must agree with the bytes handed in; otherwise the rules
-  // below would read past the frame.
-  if (frame == nullptr || frameLen < kFrameOverhead) {
+  const std::optional<AnswerHeader> header = WholeFrameHeader(frame, frameLen);
+  if (!header) {
     *count = 0;
     return rc::kAnswerMalformed;
   }
-  const AnswerHeader h = ParseHeader(frame + 1);
-  if (frameLen < h.FrameLength()) {
-    *count = 0;
-    return rc::kAnswerMalformed;
-  }
+  const AnswerHeader h = *header;
   const uint8_t* data = frame + kHeaderSize;
   const size_t n = h.length;
 
@@ -315,15 +320,12 @@ uint32_t DecodeClockRaw(const uint8_t* frame, size_t frameLen, int32_t* values, 
   int32_t ignoredCount = 0;
   if (count == nullptr) count = &ignoredCount;
   if (values == nullptr) capacity = 0;
-  if (frame == nullptr || frameLen < kFrameOverhead) {
+  const std::optional<AnswerHeader> header = WholeFrameHeader(frame, frameLen);
+  if (!header) {
     *count = 0;
     return rc::kAnswerMalformed;
   }
-  const AnswerHeader h = ParseHeader(frame + 1);
-  if (frameLen < h.FrameLength()) {
-    *count = 0;
-    return rc::kAnswerMalformed;
-  }
+  const AnswerHeader h = *header;
   if (h.code != 0x410F) {
     *count = int32_t(h.length);
     return rc::kOk;
