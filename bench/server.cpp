@@ -135,6 +135,20 @@ int AcceptOne(int listenFd) {
   return -1;
 }
 
+// Listens on loopback, announces the port and serves one connection after the other with
+// serve until the server is told to stop.
+template <typename Serve>
+void ServeTcp(Serve serve) {
+  const int l = ListenTcp();
+  Announce("tcp 127.0.0.1 " + std::to_string(PortOf(l)));
+  while (!g_stop) {
+    const int c = AcceptOne(l);
+    if (c < 0) break;
+    serve(c);
+    close(c);
+  }
+}
+
 struct Pty {
   int master = -1;
   int slave = -1;  // held open so that a client closing the device never hangs up the line
@@ -216,14 +230,7 @@ void BareStream(int fd, BareAnswers& answers) {
 void RunBare(const std::string& transport, size_t answerLength) {
   BareAnswers answers(answerLength);
   if (transport == "tcp") {
-    const int l = ListenTcp();
-    Announce("tcp 127.0.0.1 " + std::to_string(PortOf(l)));
-    while (!g_stop) {
-      const int c = AcceptOne(l);
-      if (c < 0) break;
-      BareStream(c, answers);
-      close(c);
-    }
+    ServeTcp([&answers](int c) { BareStream(c, answers); });
   } else if (transport == "udp") {
     const int fd = BindUdp();
     Announce("udp 127.0.0.1 " + std::to_string(PortOf(fd)));
@@ -355,14 +362,7 @@ void RunSim(const std::string& transport, const std::string& model, uint32_t pac
   mallopt(M_TRIM_THRESHOLD, 512 << 20);
   SimServer server(std::move(*station), paceBaud);
   if (transport == "tcp") {
-    const int l = ListenTcp();
-    Announce("tcp 127.0.0.1 " + std::to_string(PortOf(l)));
-    while (!g_stop) {
-      const int c = AcceptOne(l);
-      if (c < 0) break;
-      server.Stream(c);
-      close(c);
-    }
+    ServeTcp([&server](int c) { server.Stream(c); });
   } else if (transport == "udp") {
     const int fd = BindUdp();
     Announce("udp 127.0.0.1 " + std::to_string(PortOf(fd)));

@@ -43,6 +43,21 @@ int32_t PendingError(SOCKET s) {
   return error;
 }
 
+// select on one socket: readable (or writable) and failed, at most timeoutMs. select's
+// result; *failed tells whether the socket was in the exception set.
+int SelectOne(SocketHandle s, bool writable, uint32_t timeoutMs, bool* failed) {
+  fd_set ready;
+  fd_set exceptions;
+  FD_ZERO(&ready);
+  FD_ZERO(&exceptions);
+  FD_SET(Native(s), &ready);
+  FD_SET(Native(s), &exceptions);
+  timeval tv = Timeout(timeoutMs);
+  const int r = select(0, writable ? nullptr : &ready, writable ? &ready : nullptr, &exceptions, &tv);
+  *failed = r > 0 && FD_ISSET(Native(s), &exceptions);
+  return r;
+}
+
 }  // namespace
 
 int32_t NetStartup(uint8_t major, uint8_t minor) {
@@ -105,17 +120,11 @@ int32_t SocketRecv(SocketHandle s, uint8_t* buffer, uint32_t length) {
 }
 
 int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs) {
-  fd_set readable;
-  fd_set failed;
-  FD_ZERO(&readable);
-  FD_ZERO(&failed);
-  FD_SET(Native(s), &readable);
-  FD_SET(Native(s), &failed);
-  timeval tv = Timeout(timeoutMs);
-  const int r = select(0, &readable, nullptr, &failed, &tv);
+  bool failed = false;
+  const int r = SelectOne(s, false, timeoutMs, &failed);
   if (r == SOCKET_ERROR) return -LastError();
   if (r == 0) return 0;
-  if (FD_ISSET(Native(s), &failed)) {
+  if (failed) {
     const int32_t error = PendingError(Native(s));
     if (error != 0) {
       WSASetLastError(error);
@@ -137,14 +146,8 @@ int32_t SocketRecvWait(SocketHandle s, uint8_t* buffer, uint32_t length, uint32_
 
 void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
   if (s == kInvalidSocket) return;
-  fd_set writable;
-  fd_set failed;
-  FD_ZERO(&writable);
-  FD_ZERO(&failed);
-  FD_SET(Native(s), &writable);
-  FD_SET(Native(s), &failed);
-  timeval tv = Timeout(timeoutMs);
-  (void)select(0, nullptr, &writable, &failed, &tv);
+  bool failed = false;
+  (void)SelectOne(s, true, timeoutMs, &failed);
 }
 
 void SocketClose(SocketHandle s) { (void)closesocket(Native(s)); }
