@@ -2,6 +2,7 @@
 #include "ComPort2.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <string>
@@ -14,9 +15,6 @@ namespace tamrik {
 using platform::kInvalidSocket;
 
 namespace {
-
-// The waiting socket read gives the answer about a tenth of a second to begin arriving.
-constexpr uint32_t kSocketReadBoundMs = 110;
 
 // One reception may take as long as its three reads (start byte, header, rest) may wait, and
 // drops at most this many frames that answer other requests.
@@ -69,7 +67,9 @@ uint32_t CComPort::OpenSerial(int32_t nPort, int32_t nBaud, uint8_t nRtsControl)
   if (bComOpen) return rc::kComAlreadyOpen;
 
   platform::SerialOpenError error = platform::SerialOpenError::None;
-  platform::SerialDevice* device = platform::SerialOpen(nPort, configFile_, &error);
+  const auto mapped = serialDevices_.find(nPort);
+  platform::SerialDevice* device = platform::SerialOpen(
+      nPort, configFile_, &error, mapped != serialDevices_.end() ? mapped->second : std::string());
   if (device == nullptr) {
     switch (error) {
       case platform::SerialOpenError::NotFound:
@@ -173,8 +173,11 @@ uint32_t CComPort::OpenEthernet(const char* psAdditionalArg, const char* psRemot
   const int32_t error = platform::SocketConnect(hSocket, addrRemote.address, addrRemote.port);
   if (error != 0 && error != wsa::kWouldBlock) return rc::kConnectErrorBase + uint32_t(error);
   // Give a TCP connection the tenth of a second it was always given, but no longer than it
-  // needs: the wait ends as soon as the connection is made.
-  platform::SocketWaitConnected(hSocket, 100);
+  // needs: the wait ends as soon as the connection is made. A connection refused (or found
+  // unreachable) within it is reported as the failed connect it is, not left for the first
+  // request to meet as a write failure.
+  const int32_t outcome = platform::SocketWaitConnected(hSocket, 100);
+  if (outcome != 0) return rc::kConnectErrorBase + uint32_t(outcome);
   return rc::kOk;
 }
 
@@ -229,6 +232,7 @@ uint32_t CComPort::ReadStream(uint8_t* buffer, int32_t length) {
   } else {
     result = rc::kReadFailed;  // no transport open
   }
+  if (result == 0 && length > 0) stats_.bytesIn += uint64_t(length);
   if (!(length <= 0 && result != 0)) DumpTransfer("ComServer:Read Stream (len:%04X): ", buffer, length);
   return result;
 }
@@ -243,6 +247,7 @@ uint32_t CComPort::WriteStream(const uint8_t* buffer, int32_t length) {
   } else {
     result = rc::kWriteFailed;  // no transport open
   }
+  if (result == 0 && length > 0) stats_.bytesOut += uint64_t(length);
   if (!(length <= 0 && result != 0)) DumpTransfer("ComServer:Write Stream (len:%04X): ", buffer, length);
   return result;
 }
@@ -281,7 +286,7 @@ uint32_t CComPort::ReadSocketUntil(uint8_t* buffer, int32_t length, bool returnW
   Trace("Read In");
   const uint32_t wanted = uint32_t(length);
   const uint32_t bound =
-      socketBounded_ ? nReadTotalMultiplier * wanted + nActiveReadTotalConstant : kSocketReadBoundMs;
+      socketBounded_ ? nReadTotalMultiplier * wanted + nActiveReadTotalConstant : nSocketAnswerMs;
   uint64_t deadline = 0;
   bool started = false;
   uint32_t copied = 0;
@@ -346,7 +351,12 @@ uint32_t CComPort::GenerateService(uint32_t serviceCode, const void* data, const
   }
   const size_t length = protocol::BuildRequest(serviceCode, data, count, txFrame_, sizeof txFrame_);
   if (length == 0) return rc::kBadArgument;
-  return WriteStream(txFrame_, int32_t(length)) != 0 ? rc::kWriteFailed : rc::kOk;
+  ++stats_.exchanges;
+  if (WriteStream(txFrame_, int32_t(length)) != 0) {
+    stats_.CountFailure(rc::kWriteFailed);
+    return rc::kWriteFailed;
+  }
+  return rc::kOk;
 }
 
 uint32_t CComPort::ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool trace) {
@@ -356,7 +366,7 @@ uint32_t CComPort::ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool 
   // dropped, and the search begins again. The search for a further frame starts only while
   // the time a reception may take is not used up, and only a bounded number of times.
   const uint8_t outstanding = bWriteActive;
-  const uint32_t readBound = bSerialMode || socketBounded_ ? nActiveReadTotalConstant : kSocketReadBoundMs;
+  const uint32_t readBound = bSerialMode || socketBounded_ ? nActiveReadTotalConstant : nSocketAnswerMs;
   const uint64_t budgetEnd = platform::MonotonicMs() + uint64_t(kReceptionReads) * readBound;
   for (uint32_t dropped = 0;; ++dropped) {
     uint8_t startByte = 0;
@@ -394,27 +404,66 @@ uint32_t CComPort::ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool 
                protocol::VerifyCheckValue(frame, length) ? "intact" : "check value wrong");
       Trace(text);
     }
+    ++stats_.droppedFrames;
     if (dropped + 1 >= kMaxDroppedFrames || platform::MonotonicMs() >= budgetEnd) return rc::kReadFailed;
     bWriteActive = outstanding;
   }
 }
 
-uint32_t CComPort::AnswerReception(uint32_t serviceCode, int32_t* values, int32_t* count, size_t capacity) {
+uint32_t CComPort::AnswerReception(uint32_t serviceCode, int32_t* values, int32_t* count, size_t capacity,
+                                   AnswerOverflow overflow) {
   size_t length = 0;
   const uint32_t result = ReceiveFrame(serviceCode, &length, true);
-  if (result != 0) return result;
+  if (result != 0) return CountReception(result, false);
   *count = int32_t(length - protocol::kFrameOverhead);
-  if (!protocol::VerifyCheckValue(rxFrame_, length)) return rc::kBadCheckValue;
-  return protocol::DecodeAnswer(serviceCode, rxFrame_, length, values, capacity, count);
+  if (!protocol::VerifyCheckValue(rxFrame_, length)) return CountReception(rc::kBadCheckValue, false);
+  const uint32_t decoded = protocol::DecodeAnswer(serviceCode, rxFrame_, length, values, capacity, count);
+  if (overflow == AnswerOverflow::Fail && (decoded == rc::kOk || protocol::IsRawRequest(serviceCode))) {
+    const size_t needed = protocol::AnswerValuesNeeded(serviceCode, rxFrame_, length);
+    if (needed > capacity) {
+      *count = int32_t(needed);
+      return CountReception(rc::kAnswerTooLong, true);
+    }
+  }
+  return CountReception(decoded, true);
 }
 
 uint32_t CComPort::ReceiveClock(uint32_t serviceCode, int32_t* values, int32_t* count, size_t capacity) {
   size_t length = 0;
   const uint32_t result = ReceiveFrame(serviceCode, &length, false);
-  if (result != 0) return result;
+  if (result != 0) return CountReception(result, false);
   *count = int32_t(length - protocol::kFrameOverhead);
-  if (!protocol::VerifyCheckValue(rxFrame_, length)) return rc::kBadCheckValue;
-  return protocol::DecodeClockRaw(rxFrame_, length, values, capacity, count);
+  if (!protocol::VerifyCheckValue(rxFrame_, length)) return CountReception(rc::kBadCheckValue, false);
+  return CountReception(protocol::DecodeClockRaw(rxFrame_, length, values, capacity, count), true);
+}
+
+uint32_t CComPort::CountReception(uint32_t result, bool answered) {
+  if (answered) {
+    ++stats_.answers;
+    stats_.lastAnswerUnixMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                  std::chrono::system_clock::now().time_since_epoch())
+                                  .count();
+  }
+  // Polling's "not yet" is no failure, and a raw request's answer code is its success.
+  const bool rawAnswer = (result & 0xFFFF0000u) == rc::kRawAnswerBase;
+  if (result != rc::kOk && result != rc::kNoDataYet && !rawAnswer) stats_.CountFailure(result);
+  return result;
+}
+
+void LinkStats::CountFailure(uint32_t code) {
+  ++failures;
+  for (uint32_t i = 0; i < failureCodeCount; ++i) {
+    if (failureCodes[i] == code) {
+      ++failureCounts[i];
+      return;
+    }
+  }
+  if (failureCodeCount < kCodes) {
+    failureCodes[failureCodeCount] = code;
+    failureCounts[failureCodeCount++] = 1;
+    return;
+  }
+  ++otherFailures;
 }
 
 // --- trace -----------------------------------------------------------------------------------

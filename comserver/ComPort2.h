@@ -5,7 +5,9 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <string>
+#include <utility>
 
 #include "platform/Platform.h"
 #include "protocol/Codec.h"
@@ -16,6 +18,31 @@ namespace tamrik {
 struct Ipv4Address {
   uint32_t address = 0;  // network byte order
   uint16_t port = 0;     // host byte order
+};
+
+// How long a link by address (TCP or UDP) waits for an answer to begin, unless configured.
+inline constexpr uint32_t kDefaultSocketAnswerMs = 110;
+
+// What an answer that needs more values than the caller's array holds does: it is cut to the
+// array, or it fails with 0x10053 (in both cases nothing is written past the array).
+enum class AnswerOverflow { Truncate, Fail };
+
+// Counters of one port object since its creation.
+struct LinkStats {
+  static constexpr size_t kCodes = 16;
+  uint64_t exchanges = 0;       // requests written
+  uint64_t answers = 0;         // answer frames received whole with a correct check value
+  uint64_t failures = 0;        // exchanges that ended with a failing code
+  uint64_t droppedFrames = 0;   // frames of other requests read and dropped
+  uint64_t bytesOut = 0;
+  uint64_t bytesIn = 0;
+  int64_t lastAnswerUnixMs = 0;
+  uint32_t failureCodeCount = 0;
+  uint32_t failureCodes[kCodes] = {};
+  uint64_t failureCounts[kCodes] = {};
+  uint64_t otherFailures = 0;
+
+  void CountFailure(uint32_t code);
 };
 
 class CComPort {
@@ -50,8 +77,11 @@ class CComPort {
   // request cannot be built (count out of range, unassigned code).
   uint32_t GenerateService(uint32_t serviceCode, const void* data, const int32_t* count);
   // Reads, checks and decodes one answer into values (room for `capacity` values).
+  // With AnswerOverflow::Fail an answer that needs more than capacity values returns
+  // 0x10053 with *count set to the values it needed.
   uint32_t AnswerReception(uint32_t serviceCode, int32_t* values, int32_t* count,
-                           size_t capacity = protocol::kUnbounded);
+                           size_t capacity = protocol::kUnbounded,
+                           AnswerOverflow overflow = AnswerOverflow::Truncate);
   // The challenge of the privileged mode: answer 0x410F delivered unconverted.
   uint32_t ReceiveClock(uint32_t serviceCode, int32_t* values, int32_t* count,
                         size_t capacity = protocol::kUnbounded);
@@ -84,6 +114,10 @@ class CComPort {
 
   // The configuration file, in which the platform may look up the device of a port number.
   void SetConfigFile(const std::string& file) { configFile_ = file; }
+  // The devices of the COM port numbers, for a driver configured without a file.
+  void SetSerialDevices(std::map<int32_t, std::string> devices) { serialDevices_ = std::move(devices); }
+
+  const LinkStats& Stats() const { return stats_; }
 
   // --- fields ----------------------------------------------------------------------------
   uint32_t nReadInterval = 200;
@@ -91,6 +125,7 @@ class CComPort {
   uint32_t nReadTotalConstant = 500;
   uint32_t nReadTotalConstantFW = 3000;
   uint32_t nActiveReadTotalConstant = 500;
+  uint32_t nSocketAnswerMs = kDefaultSocketAnswerMs;
 
   FILE* pfLoadStream = nullptr;
   uint32_t nLoadPosition = 0;
@@ -124,7 +159,12 @@ class CComPort {
   uint32_t ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool trace);
   void DumpTransfer(const char* prefix, const uint8_t* buffer, int32_t length);
 
+  // The result of one reception, counted: answers, failures, the time of the last good answer.
+  uint32_t CountReception(uint32_t result, bool answered);
+
   std::string configFile_;
+  std::map<int32_t, std::string> serialDevices_;
+  LinkStats stats_;
   bool socketDatagram_ = false;
   bool socketBounded_ = false;  // UDP link by port number: reads bounded by the serial time-out
 

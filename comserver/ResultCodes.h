@@ -3,7 +3,8 @@
 // A result code is a 32-bit unsigned value; 0 is success everywhere. The driver's own
 // codes are grouped by their low bits: 0x1001x opening and closing the link, 0x1002x
 // reading, 0x1003x writing, 0x10040 the check value, 0x1005x the answer, 0x1006x bad
-// arguments, 0x1007x privileged mode and image download, 0x10100 polling.
+// arguments, 0x1007x privileged mode and image download, 0x10080 the C interface's own failure,
+// 0x10100 polling.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +37,7 @@ inline constexpr uint32_t kBadCheckValue = 0x10040;
 inline constexpr uint32_t kAnswerFailed = 0x10050;     // return value: the answer step failed
 inline constexpr uint32_t kNoStartByte = 0x10051;      // no 0xAA where the answer should begin
 inline constexpr uint32_t kAnswerMalformed = 0x10052;  // answer data cannot be decoded safely
+inline constexpr uint32_t kAnswerTooLong = 0x10053;    // answer needs more room than the caller's array
 
 // Arguments the method does not accept (null pointer, count out of range, ...).
 inline constexpr uint32_t kBadArgument = 0x10060;
@@ -46,6 +48,10 @@ inline constexpr uint32_t kNotAvailable = 0x10061;
 inline constexpr uint32_t kPrivilegedRefusedC = 0x10070;  // refusal with bits 0x8000|0x4000
 inline constexpr uint32_t kPrivilegedRefused8 = 0x10071;  // refusal with bit 0x8000 only
 inline constexpr uint32_t kImageBlockFailed = 0x10072;
+
+// The C interface could not complete a call inside the driver (out of memory, or any other
+// failure that would otherwise have left the library as an exception).
+inline constexpr uint32_t kInternalFailure = 0x10080;
 
 inline constexpr uint32_t kNoDataYet = 0x10100;  // polling mode: call again
 inline constexpr uint32_t kBusy = 0x999999;      // return value of a busy-guarded method

@@ -86,6 +86,9 @@ constexpr ResultEntry kFixed[] = {
     {rc::kAnswerFailed, "AnswerFailed", "the answer step of the method failed (the out-value holds the cause)"},
     {rc::kNoStartByte, "NoStartByte", "no start byte 0xAA where the answer frame should begin"},
     {rc::kAnswerMalformed, "AnswerMalformed", "the answer's data do not fit the service and cannot be decoded"},
+    {rc::kAnswerTooLong, "AnswerTooLong",
+     "the answer needs more values than the caller's array holds; it was read whole and nothing was written past "
+     "the array (the count tells how many it needed)"},
     {rc::kBadArgument, "BadArgument", "an argument the method does not accept (null pointer, count out of range)"},
     {rc::kNotAvailable, "NotAvailable", "the method is not carried out by this build"},
     {rc::kPrivilegedRefusedC, "PrivilegedRefusedC",
@@ -94,6 +97,8 @@ constexpr ResultEntry kFixed[] = {
      "privileged mode refused by the gateway (answer code with bit 0x8000 only)"},
     {rc::kImageBlockFailed, "ImageBlockFailed",
      "image download: no block could be taken from the file, or the gateway did not accept the block"},
+    {rc::kInternalFailure, "InternalFailure",
+     "the driver could not complete the call (out of memory or an unexpected internal failure)"},
     {rc::kNoDataYet, "NoDataYet", "polling mode: no answer has arrived yet; call again"},
     {rc::kStage1FileMissing, "Stage1FileMissing", "boot download: the BSL (stage 1) file cannot be opened"},
     {rc::kStage2FileMissing, "Stage2FileMissing", "boot download: the SetCtx (stage 2) file cannot be opened"},
@@ -139,6 +144,16 @@ std::string Hex(uint32_t value, int digits = 0) {
 
 std::span<const ResultEntry> FixedResults() { return kFixed; }
 std::span<const ResultFamily> ResultFamilies() { return kFamilies; }
+
+ResultEntry StaticDescription(uint32_t code) {
+  if (const ResultEntry* entry = FindFixed(code)) return *entry;
+  for (const ResultFamily& family : kFamilies) {
+    if (code >= family.base + family.first && code <= family.base + family.last) {
+      return {code, family.name, family.meaning};
+    }
+  }
+  return {code, "Unknown", "no result code of this driver"};
+}
 
 ResultInfo DescribeResult(uint32_t code, ResultContext context) {
   // The small codes first: which reading applies depends on the operation.

@@ -47,4 +47,8 @@ struct ResultFamily {
 };
 std::span<const ResultFamily> ResultFamilies();
 
+// Name and meaning of a code as texts that live as long as the program: the entry of a fixed
+// code, the family of a composed one, or "Unknown".
+ResultEntry StaticDescription(uint32_t code);
+
 }  // namespace tamrik

@@ -2,6 +2,7 @@
 // two methods that belong to no group.
 #include "com.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -58,6 +59,44 @@ Ccom::Ccom(const std::string& directory) {
   Construct(dir);
 }
 
+Ccom::Ccom(const DriverConfig& config) {
+  bBusy.store(0);
+  nDemo = config.version;
+  nLog = config.logfile;
+  nComPort = config.comPort;
+  nBaudrate = config.baudrate;
+  pComPort = new CComPort();
+  pComPort->nLogfile = nLog;
+  pComPort->SetSerialDevices(config.ports);
+  ApplyTimings(config.readInterval, config.readTotalMultiplier, config.readTotalConstant, config.readTotalConstantFW);
+  pComPort->nSocketAnswerMs = uint32_t(std::max(config.socketAnswerMs, 1));
+  segmentSleepWithoutFile_ = config.streamSegmentSleepTime;
+  if (nDemo == 1) szDemoFile = config.demoFile;
+  szBootFile = config.bootFile;
+  std::copy(config.privilegedBits.begin(), config.privilegedBits.end(), abyPrivilegedBits);
+}
+
+void Ccom::ApplyTimings(int32_t interval, int32_t multiplier, int32_t constant, int32_t constantFW) {
+  pComPort->nReadInterval = uint32_t(interval);
+  pComPort->nReadTotalMultiplier = uint32_t(multiplier);
+  pComPort->nReadTotalConstant = uint32_t(constant);
+  pComPort->nReadTotalConstantFW = uint32_t(constantFW);
+  pComPort->nActiveReadTotalConstant = uint32_t(constant);
+}
+
+bool Ccom::CallerRoom(const int32_t* count, int32_t* error, size_t* room) const {
+  if (!countIsCapacity_) {
+    *room = protocol::kUnbounded;
+    return true;
+  }
+  if (*count < 0) {
+    *error = int32_t(rc::kBadArgument);
+    return false;
+  }
+  *room = size_t(*count);
+  return true;
+}
+
 void Ccom::Construct(const std::string& directory) {
   nDemoBit = 0;
   nDemoCount = 0;
@@ -81,11 +120,11 @@ void Ccom::Construct(const std::string& directory) {
   const int32_t multiplier = ReadInit("ReadTotalMultiplier", szConfigFile);
   const int32_t constant = ReadInit("ReadTotalConstant", szConfigFile);
   const int32_t constantFW = ReadInit("ReadTotalConstantFW", szConfigFile);
-  pComPort->nReadInterval = uint32_t(interval);
-  pComPort->nReadTotalMultiplier = uint32_t(multiplier);
-  pComPort->nReadTotalConstant = uint32_t(constant);
-  pComPort->nReadTotalConstantFW = uint32_t(constantFW);
-  pComPort->nActiveReadTotalConstant = uint32_t(constant);
+  ApplyTimings(interval, multiplier, constant, constantFW);
+  // Not one of the keys of the default set: a file without it keeps the bound of old.
+  const int32_t socketAnswer = int32_t(
+      platform::ProfileGetInt(kInit, "SocketAnswerTimeout", int32_t(kDefaultSocketAnswerMs), szConfigFile));
+  pComPort->nSocketAnswerMs = socketAnswer > 0 ? uint32_t(socketAnswer) : kDefaultSocketAnswerMs;
 
   const int32_t read[] = {nDemo, nLog, nComPort, nBaudrate, interval, multiplier, constant, constantFW};
   bool incomplete = false;
@@ -98,11 +137,7 @@ void Ccom::Construct(const std::string& directory) {
     if (!szConfigFile.empty()) {
       for (const auto& entry : kDefaults) platform::ProfileWriteString(kInit, entry[0], entry[1], szConfigFile);
     }
-    pComPort->nReadInterval = 200;
-    pComPort->nReadTotalMultiplier = 0;
-    pComPort->nReadTotalConstant = 500;
-    pComPort->nReadTotalConstantFW = 3000;
-    pComPort->nActiveReadTotalConstant = 500;
+    ApplyTimings(200, 0, 500, 3000);
     nDemo = 0;
     // The methods prepare their trace texts from here on, but the port object keeps the
     // switch the file gave it, so the trace still appears only when the file asked for it.
@@ -143,7 +178,7 @@ void Ccom::TraceMethodFormat(const char* format, ...) {
 
 bool Ccom::Exchange(uint32_t serviceCode, const void* requestData, const int32_t* requestCount,
                     int32_t* values, int32_t* count, size_t capacity, int32_t* error,
-                    RequestFailure onRequestFailure, uint32_t* methodReturn) {
+                    RequestFailure onRequestFailure, uint32_t* methodReturn, AnswerOverflow overflow) {
   uint32_t result = pComPort->GenerateService(serviceCode, requestData, requestCount);
   if (result != 0) {
     *error = int32_t(result);
@@ -151,7 +186,7 @@ bool Ccom::Exchange(uint32_t serviceCode, const void* requestData, const int32_t
     return false;
   }
   int32_t scratchCount = 0;
-  result = pComPort->AnswerReception(serviceCode, values, count != nullptr ? count : &scratchCount, capacity);
+  result = pComPort->AnswerReception(serviceCode, values, count != nullptr ? count : &scratchCount, capacity, overflow);
   if (result != 0) {
     *error = int32_t(result);
     *methodReturn = rc::kAnswerFailed;
@@ -176,6 +211,15 @@ uint32_t Ccom::kaVControll(int32_t* plDemo, int32_t* plLog, int32_t* plError) {
 
 uint32_t Ccom::kaVGetVersion(char* psVersion, int32_t* plSizeOfData, int32_t* plError) {
   static constexpr char kVersion[] = "1.0 B2.1.38";
+  if (countIsCapacity_) {
+    size_t room = 0;
+    if (!CallerRoom(plSizeOfData, plError, &room)) return rc::kBadArgument;
+    if (room < sizeof kVersion - 1) {
+      *plSizeOfData = int32_t(sizeof kVersion - 1);
+      *plError = int32_t(rc::kAnswerTooLong);
+      return rc::kAnswerFailed;
+    }
+  }
   memcpy(psVersion, kVersion, sizeof kVersion - 1);
   *plSizeOfData = int32_t(sizeof kVersion - 1);
   return 0;

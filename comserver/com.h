@@ -3,8 +3,10 @@
 // interface in one common frame.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,6 +14,7 @@
 #include "ComPort2.h"
 #include "FunctionRef.h"
 #include "MethodTable.h"
+#include "ResultCodes.h"
 
 namespace tamrik {
 
@@ -34,6 +37,32 @@ inline constexpr const char* kConfigFileName = "kaVcnf.ini";
 inline constexpr const char* kDemoFileName = "kaVdmo.ini";
 inline constexpr const char* kBootFileName = "kaVBoot.ini";
 
+// Everything a driver object otherwise reads from its configuration file, for an object made
+// without one (the C interface's tamrik_create_with). The defaults are those the driver writes
+// into a file that lacks a key.
+struct DriverConfig {
+  int32_t version = 0;
+  int32_t logfile = 0;
+  int32_t comPort = 1;
+  int32_t baudrate = 9600;
+  int32_t readInterval = 200;
+  int32_t readTotalMultiplier = 0;
+  int32_t readTotalConstant = 500;
+  int32_t readTotalConstantFW = 3000;
+  int32_t streamSegmentSleepTime = 255;  // the value a missing key reads as
+  int32_t socketAnswerMs = int32_t(kDefaultSocketAnswerMs);
+  std::map<int32_t, std::string> ports;  // COM port number -> device
+  std::array<uint8_t, 32> privilegedBits = IdentityBits();
+  std::string demoFile;
+  std::string bootFile;
+
+  static constexpr std::array<uint8_t, 32> IdentityBits() {
+    std::array<uint8_t, 32> bits{};
+    for (size_t i = 0; i < bits.size(); ++i) bits[i] = uint8_t(i);
+    return bits;
+  }
+};
+
 class Ccom {
  public:
   // Profile files beside the loaded driver module.
@@ -41,6 +70,8 @@ class Ccom {
   // Profile files in directory (a trailing separator is added when missing; an empty text
   // stands for a module path that could not be obtained).
   explicit Ccom(const std::string& directory);
+  // Configured by config; no configuration file is read or written.
+  explicit Ccom(const DriverConfig& config);
   virtual ~Ccom();
   Ccom(const Ccom&) = delete;
   Ccom& operator=(const Ccom&) = delete;
@@ -52,6 +83,13 @@ class Ccom {
 #define TAMRIK_DECLARE_METHOD(dispid, name, params, args) uint32_t name params;
   TAMRIK_METHOD_TABLE(TAMRIK_DECLARE_METHOD)
 #undef TAMRIK_DECLARE_METHOD
+
+  // Hosts of the C interface tell the capacity of every array they hand in through its count
+  // on entry; an answer that needs more fails with 0x10053. Hosts of the automation interface
+  // promise room for the largest answer instead, and answers are only cut to the driver's own
+  // limits.
+  void SetCountIsCapacity(bool on) { countIsCapacity_ = on; }
+  bool CountIsCapacity() const { return countIsCapacity_; }
 
   // --- fields ----------------------------------------------------------------------------
   int32_t nComPort = 0;
@@ -81,6 +119,20 @@ class Ccom {
 
  private:
   void Construct(const std::string& directory);
+  void ApplyTimings(int32_t interval, int32_t multiplier, int32_t constant, int32_t constantFW);
+
+  // The room a caller's array offers: its count on entry when the caller states capacities,
+  // else unbounded. False (with *error set) for a negative count.
+  bool CallerRoom(const int32_t* count, int32_t* error, size_t* room) const;
+  // Whether an answer that needs more than the room fails (C interface) or is cut.
+  AnswerOverflow Overflow() const {
+    return countIsCapacity_ ? AnswerOverflow::Fail : AnswerOverflow::Truncate;
+  }
+
+  bool countIsCapacity_ = false;
+  // Set for an object made from a DriverConfig: the values that a file would otherwise give at
+  // every call (the pause between stream segments).
+  std::optional<int32_t> segmentSleepWithoutFile_;
 
   // The method frame: busy guard, entry and exit traces.
   bool EnterBusy();  // false when another busy-guarded method runs
@@ -106,7 +158,8 @@ class Ccom {
   // returns (0 or the request's code by onRequestFailure; 0x10050 when the answer failed).
   bool Exchange(uint32_t serviceCode, const void* requestData, const int32_t* requestCount,
                 int32_t* values, int32_t* count, size_t capacity, int32_t* error,
-                RequestFailure onRequestFailure, uint32_t* methodReturn);
+                RequestFailure onRequestFailure, uint32_t* methodReturn,
+                AnswerOverflow overflow = AnswerOverflow::Truncate);
 
   void WriteConfigInt(const char* key, int32_t value);
 
@@ -114,6 +167,14 @@ class Ccom {
   // What demonstration mode does in place of the exchange: nothing to go on to the end of
   // the method, or the value the method returns at once (with *plError set by the step).
   using DemoStep = FunctionRef<std::optional<uint32_t>()>;
+
+  // A capacity that stands for the caller's array: the count on entry under the C interface,
+  // unbounded under the automation interface.
+  static constexpr size_t kCallerCapacity = SIZE_MAX;
+
+  // Demonstration bytes into the caller's array; false (with *error set to 0x10053 and the
+  // count to n) when the caller stated a smaller capacity.
+  bool DeliverDemo(const uint8_t* result, int32_t n, int32_t* plData, int32_t* plSizeOfData, int32_t* error) const;
 
   // The frame of a method whose live behaviour is one exchange: traces "<name>-->" and
   // "<name><--", talks to the gateway only when nDemo is 0 (and then runs afterAnswer on
@@ -145,6 +206,11 @@ class Ccom {
   // Module identifiers of the demonstration station into plData; false when the file is
   // incomplete, after *plError and (for a bad identifier) the count have been set.
   bool DemoModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) const;
+  // What a method returns when its demonstration step failed: 0, or 0x10050 when the data
+  // did not fit the caller's array, as a live answer that does not fit.
+  static uint32_t DemoFailureReturn(const int32_t* plError) {
+    return uint32_t(*plError) == rc::kAnswerTooLong ? rc::kAnswerFailed : 0;
+  }
 
   // Bit strings of the demonstration file packed into bytes (at most kDemoResultSize), and
   // the caller's bytes written back into them.

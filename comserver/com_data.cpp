@@ -51,11 +51,6 @@ bool RequestCountFits(int32_t count, int32_t* plError) {
   return false;
 }
 
-void Deliver(const uint8_t* result, int32_t n, int32_t* plData, int32_t* plSizeOfData) {
-  for (int32_t i = 0; i < n; ++i) plData[i] = result[i];
-  *plSizeOfData = n;
-}
-
 // Bytes as the diagnosis list keeps them: "0a,ff,00".
 std::string HexText(const int32_t* bytes, int64_t first, int64_t count) {
   std::string text;
@@ -70,6 +65,18 @@ std::string HexText(const int32_t* bytes, int64_t first, int64_t count) {
 }
 
 }  // namespace
+
+bool Ccom::DeliverDemo(const uint8_t* result, int32_t n, int32_t* plData, int32_t* plSizeOfData,
+                       int32_t* error) const {
+  if (countIsCapacity_ && n > *plSizeOfData) {
+    *plSizeOfData = n;
+    *error = int32_t(rc::kAnswerTooLong);
+    return false;
+  }
+  for (int32_t i = 0; i < n; ++i) plData[i] = result[i];
+  *plSizeOfData = n;
+  return true;
+}
 
 uint32_t Ccom::LeadingHex(const char* text) {
   uint32_t value = 0;
@@ -109,9 +116,15 @@ bool Ccom::DemoModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t* plErr
     *plError = int32_t(rc::kDemoNoModNum);
     return false;
   }
-  // The count on entry is the caller's capacity.
+  // The count on entry is the caller's capacity; a host of the C interface learns that the
+  // list did not fit instead of getting its beginning.
   if (*plSizeOfData < 0) {
     *plError = int32_t(rc::kBadArgument);
+    return false;
+  }
+  if (countIsCapacity_ && modNum > *plSizeOfData) {
+    *plSizeOfData = modNum;
+    *plError = int32_t(rc::kAnswerTooLong);
     return false;
   }
   const int32_t n = std::max(0, std::min(modNum, *plSizeOfData));
@@ -246,10 +259,10 @@ void Ccom::RecordDiagnosis(const int32_t* bytes, int32_t count) {
 
 uint32_t Ccom::kaVGetModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   return RunExchangeMethod(
-      "kaVGetModuleList", kServiceModuleList, nullptr, nullptr, plData, plSizeOfData, protocol::kUnbounded, plError,
+      "kaVGetModuleList", kServiceModuleList, nullptr, nullptr, plData, plSizeOfData, kCallerCapacity, plError,
       RequestFailure::ReturnZero,
       [&]() -> std::optional<uint32_t> {
-        if (!DemoModuleList(plData, plSizeOfData, plError)) return 0;
+        if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
         return std::nullopt;
       },
       [&] {
@@ -267,7 +280,7 @@ uint32_t Ccom::DataMethod(const char* name, uint32_t serviceCode, bool sendsData
   if (!EnterBusy()) return rc::kBusy;
   BusyRelease release{this};
   return RunExchangeMethod(name, serviceCode, sendsData ? plData : nullptr, sendsData ? plSizeOfData : nullptr,
-                           plData, plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnCode, demo,
+                           plData, plSizeOfData, kCallerCapacity, plError, RequestFailure::ReturnCode, demo,
                            afterAnswer);
 }
 
@@ -282,7 +295,7 @@ uint32_t Ccom::kaVGetProcessInData(int32_t* plData, int32_t* plSizeOfData, int32
                       } else if (mode == 2) {
                         n = DemoAnimatedInputs(result);
                       }
-                      Deliver(result, n, plData, plSizeOfData);
+                      if (!DeliverDemo(result, n, plData, plSizeOfData, plError)) return rc::kAnswerFailed;
                       return std::nullopt;
                     });
 }
@@ -293,7 +306,7 @@ uint32_t Ccom::kaVGetProcessOutData(int32_t* plData, int32_t* plSizeOfData, int3
                       uint8_t result[kDemoResultSize];
                       const int32_t n =
                           DemoReadBits("Modo%d", 1, ModuleCount(DemoInt(kStation, "ModNum")), false, result);
-                      Deliver(result, n, plData, plSizeOfData);
+                      if (!DeliverDemo(result, n, plData, plSizeOfData, plError)) return rc::kAnswerFailed;
                       return std::nullopt;
                     });
 }
@@ -314,7 +327,7 @@ uint32_t Ccom::kaVGetParameterData(int32_t* plData, int32_t* plSizeOfData, int32
                       uint8_t result[kDemoResultSize];
                       const int32_t n =
                           DemoReadBits("Param%d", 0, ModuleCount(DemoInt(kStation, "ModNum")) - 1, true, result);
-                      Deliver(result, n, plData, plSizeOfData);
+                      if (!DeliverDemo(result, n, plData, plSizeOfData, plError)) return rc::kAnswerFailed;
                       return std::nullopt;
                     });
 }
@@ -336,7 +349,7 @@ uint32_t Ccom::kaVGetDiagData(int32_t* plData, int32_t* plSizeOfData, int32_t* p
         // One entry for the gateway itself and one per module: Diag0 to DiagModNum.
         uint8_t result[kDemoResultSize];
         const int32_t n = DemoReadBits("Diag%d", 0, ModuleCount(DemoInt(kStation, "ModNum")), true, result);
-        Deliver(result, n, plData, plSizeOfData);
+        if (!DeliverDemo(result, n, plData, plSizeOfData, plError)) return rc::kAnswerFailed;
         return std::nullopt;
       },
       [&] {

@@ -34,6 +34,11 @@ uint32_t Ccom::RunExchangeMethod(const char* name, uint32_t serviceCode, const v
                                  const int32_t* requestCount, int32_t* values, int32_t* count,
                                  size_t capacity, int32_t* error, RequestFailure onRequestFailure,
                                  DemoStep demo, FunctionRef<void()> afterAnswer) {
+  AnswerOverflow overflow = AnswerOverflow::Truncate;
+  if (capacity == kCallerCapacity) {
+    if (!CallerRoom(count, error, &capacity)) return rc::kBadArgument;
+    overflow = Overflow();
+  }
   TraceMethodFormat("%s-->", name);
   if (nDemo == 1) {
     if (demo) {
@@ -48,7 +53,7 @@ uint32_t Ccom::RunExchangeMethod(const char* name, uint32_t serviceCode, const v
     }
     uint32_t methodReturn = 0;
     if (!Exchange(serviceCode, requestData, requestCount, values, count != nullptr ? count : &workCount, capacity,
-                  error, onRequestFailure, &methodReturn)) {
+                  error, onRequestFailure, &methodReturn, overflow)) {
       return methodReturn;
     }
     if (afterAnswer) afterAnswer();
@@ -62,10 +67,22 @@ uint32_t Ccom::RunExchangeMethod(const char* name, uint32_t serviceCode, const v
 
 uint32_t Ccom::StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
                             int32_t* error) {
+  size_t room = 0;
+  if (!CallerRoom(size, error, &room)) return rc::kBadArgument;
+  // Whether a text of n characters may be delivered; when not, the count tells what it needed.
+  auto fits = [&](size_t n) {
+    if (n <= room) return true;
+    *size = int32_t(n);
+    *error = int32_t(rc::kAnswerTooLong);
+    return false;
+  };
   TraceMethodFormat("%s-->", name);
   if (nDemo == 1 && demoKey != nullptr) {
-    // The count on entry is the caller's buffer size, terminating zero included.
-    const std::string value = DemoText(kStation, demoKey, uint32_t(std::clamp(*size, 0, kMaxDemoText)));
+    // The count on entry is the caller's buffer size, terminating zero included. A host of the
+    // C interface states its capacity instead, and a longer text fails rather than being cut.
+    const int32_t demoRoom = countIsCapacity_ ? kMaxDemoText : std::clamp(*size, 0, kMaxDemoText);
+    const std::string value = DemoText(kStation, demoKey, uint32_t(demoRoom));
+    if (!fits(value.size())) return rc::kAnswerFailed;
     // Texts go to the host without a terminating zero; the count tells their length.
     memcpy(text, value.data(), value.size());  // NOLINT(bugprone-not-null-terminated-result)
     *size = int32_t(value.size());
@@ -80,6 +97,7 @@ uint32_t Ccom::StringMethod(const char* name, uint32_t serviceCode, const char* 
     // An answer of a code that delivers nothing still reports its length; never more than
     // the work buffer holds.
     count = std::clamp(count, 0, int32_t(kStringCapacity));
+    if (!fits(size_t(count))) return rc::kAnswerFailed;
     for (int32_t i = 0; i < count; ++i) text[i] = char(work[i]);
     *size = count;
   }
@@ -249,7 +267,12 @@ uint32_t Ccom::kaVGetGatewayErrorList(int32_t* plEntrys, int32_t* plErrorData, i
       return 0;
     }
     std::fill_n(plErrorData, capacity, 0);
-    result = pComPort->AnswerReception(kServiceErrorList, plErrorData, plEntrys, size_t(capacity));
+    int32_t entries = 0;
+    result = pComPort->AnswerReception(kServiceErrorList, plErrorData, &entries, size_t(capacity), Overflow());
+    // A list that does not fit tells the room it needs through the buffer's size, which is
+    // where the caller stated the room it had.
+    if (result == rc::kAnswerTooLong) *plSizeOfErrBuf = entries;
+    else *plEntrys = entries;
     if (result != 0) {
       *plError = int32_t(result);
       return rc::kAnswerFailed;
@@ -265,36 +288,35 @@ uint32_t Ccom::kaVGetGatewayErrorList(int32_t* plEntrys, int32_t* plErrorData, i
 uint32_t Ccom::kaVGetModulIdStatusList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   // Values stay whole: identifier in the upper three bytes, status in the lowest.
   return RunExchangeMethod("kaVGetModulIdStatusList", kServiceModuleList, nullptr, nullptr, plData, plSizeOfData,
-                           protocol::kUnbounded, plError, RequestFailure::ReturnZero,
+                           kCallerCapacity, plError, RequestFailure::ReturnZero,
                            [&]() -> std::optional<uint32_t> {
-                             if (!DemoModuleList(plData, plSizeOfData, plError)) return 0;
+                             if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
                              return std::nullopt;
                            });
 }
 
 uint32_t Ccom::kaVGetModuleSWRev(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   return RunExchangeMethod("kaVGetModuleSWRev", kServiceModuleSWRev, nullptr, nullptr, plData, plSizeOfData,
-                           protocol::kUnbounded, plError, RequestFailure::ReturnZero);
+                           kCallerCapacity, plError, RequestFailure::ReturnZero);
 }
 
 uint32_t Ccom::kaVGetModuleTyp(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   return RunExchangeMethod("kaVGetModuleTyp", kServiceModuleTyp, nullptr, nullptr, plData, plSizeOfData,
-                           protocol::kUnbounded, plError, RequestFailure::ReturnZero);
+                           kCallerCapacity, plError, RequestFailure::ReturnZero);
 }
 
 uint32_t Ccom::kavGetBootFctsHwInfo(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   return RunExchangeMethod("kavGetBootFctsHwInfo", kServiceBootFctsHwInfo, nullptr, nullptr, plData, plSizeOfData,
-                           protocol::kUnbounded, plError, RequestFailure::ReturnZero);
+                           kCallerCapacity, plError, RequestFailure::ReturnZero);
 }
 
 // --- TR buffer -------------------------------------------------------------------------------
 
 uint32_t Ccom::kaVGetTRBuffer(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   if (!EnterBusy()) return rc::kBusy;
-  const uint32_t result = RunExchangeMethod("kaVGetTRBuffer", kServiceGetTRBuffer, nullptr, nullptr, plData,
-                                            plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnCode);
-  LeaveBusy();
-  return result;
+  BusyRelease release{this};
+  return RunExchangeMethod("kaVGetTRBuffer", kServiceGetTRBuffer, nullptr, nullptr, plData, plSizeOfData,
+                           kCallerCapacity, plError, RequestFailure::ReturnCode);
 }
 
 uint32_t Ccom::kaVClearTRBuffer(int32_t* plError) {

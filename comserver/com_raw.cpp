@@ -71,12 +71,12 @@ uint32_t Ccom::kaVSrvMbStopMonitoring(int32_t* plError) {
 
 uint32_t Ccom::kaVSrvGetFirstDataFrame(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   return RunExchangeMethod("kaVSrvGetFirstDataFrame", kServiceFirstDataFrame, plData, plSizeOfData, plData,
-                           plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnCode);
+                           plSizeOfData, kCallerCapacity, plError, RequestFailure::ReturnCode);
 }
 
 uint32_t Ccom::kaVSrvGetNextDataFrame(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   return RunExchangeMethod("kaVSrvGetNextDataFrame", kServiceNextDataFrame, plData, plSizeOfData, plData,
-                           plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnCode);
+                           plSizeOfData, kCallerCapacity, plError, RequestFailure::ReturnCode);
 }
 
 // --- DeviceNet -------------------------------------------------------------------------------
@@ -92,12 +92,12 @@ uint32_t Ccom::kaVSrvDNetGetEEPToolIdent(char* psIdentName, int32_t* plSizeOfDat
 
 uint32_t Ccom::kaVSrvDNetGetClassInstAttr(int32_t* plData, int32_t* plSizeOfData, int32_t* Error) {
   return RunExchangeMethod("kaVSrvDNetGetClassInstAttr", kServiceDNetGetAttribute, plData, plSizeOfData, plData,
-                           plSizeOfData, protocol::kUnbounded, Error, RequestFailure::ReturnCode);
+                           plSizeOfData, kCallerCapacity, Error, RequestFailure::ReturnCode);
 }
 
 uint32_t Ccom::kaVSrvDNetSetClassInstAttr(int32_t* plData, int32_t* plSizeOfData, int32_t* Error) {
   return RunExchangeMethod("kaVSrvDNetSetClassInstAttr", kServiceDNetSetAttribute, plData, plSizeOfData, plData,
-                           plSizeOfData, protocol::kUnbounded, Error, RequestFailure::ReturnCode);
+                           plSizeOfData, kCallerCapacity, Error, RequestFailure::ReturnCode);
 }
 
 // --- the driver's memory area ------------------------------------------------------------------
@@ -156,7 +156,13 @@ uint32_t Ccom::kaVDoService(int32_t* service, uint8_t* plData, int32_t* plSizeOf
     const size_t capacity = size_t(std::clamp(*plSizeOfRecData, 0, kMaxBlock));
     std::vector<int32_t> values(capacity);
     int32_t count = 0;
-    result = pComPort->AnswerReception(rawCode, values.data(), &count, capacity);
+    result = pComPort->AnswerReception(rawCode, values.data(), &count, capacity, Overflow());
+    if (result == rc::kAnswerTooLong) {
+      TraceMethod("kaVDoService<--");
+      *plSizeOfRecData = count;
+      *plError = int32_t(result);
+      return rc::kAnswerFailed;
+    }
     if (result < rc::kRawAnswerBase || result > rc::kRawAnswerBase + 0xFFFF) {
       TraceMethod("kaVDoService<--");
       *plSizeOfRecData = 0;

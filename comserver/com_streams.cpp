@@ -20,7 +20,7 @@ constexpr int32_t kPositionValues = 2;
 
 uint32_t Ccom::kaVGetModuleStreamDataSizeList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   return RunExchangeMethod("kaVGetModuleStreamDataSizeList", kServiceStreamSizeList, nullptr, nullptr, plData,
-                           plSizeOfData, protocol::kUnbounded, plError, RequestFailure::ReturnZero);
+                           plSizeOfData, kCallerCapacity, plError, RequestFailure::ReturnZero);
 }
 
 uint32_t Ccom::kaVSetModuleStreamDataPosition(int32_t* plData, int32_t* plError) {
@@ -55,8 +55,10 @@ uint32_t Ccom::kaVSetModuleStreamSegmentData(int32_t* plData, int32_t* plSizeOfD
     }
     // Read at every call, so that a changed setting counts from the next block on.
     const int32_t dataCount = *plSizeOfData - 2;
-    const int32_t pause =
-        std::max(int32_t(platform::ProfileGetInt("Init", "StreamSegmentSleepTime", 255, szConfigFile)), 0);
+    const int32_t setting =
+        segmentSleepWithoutFile_ ? *segmentSleepWithoutFile_
+                                 : int32_t(platform::ProfileGetInt("Init", "StreamSegmentSleepTime", 255, szConfigFile));
+    const int32_t pause = std::max(setting, 0);
 
     const int32_t* data = plData + 2;
     int32_t segment[kSegmentBuffer];

@@ -5,7 +5,20 @@
  * that receives the result code (0 is success). Each returns the method's own status: 0 in
  * ordinary cases, 0x999999 when a busy-guarded method is already running, 0x10050 when the
  * answer failed (the out-value holds the cause), or another code the method documents.
- * A null pointer for any parameter is refused with 0x10060 and nothing is touched.
+ * A null pointer for any parameter is refused with 0x10060 and nothing is touched. No C++
+ * exception leaves a function of this header; a call that fails inside the driver for
+ * want of memory returns 0x10080.
+ *
+ * Capacity on entry. Every function that receives values or characters into an array of the
+ * caller's reads the array's count parameter on entry as the array's capacity (values, or
+ * characters for texts) and writes the delivered count into it on return. An answer that
+ * needs more than the capacity writes nothing past it, is still read to its end so that the
+ * link stays in step, and fails as an answer failure: return value 0x10050, out-value
+ * 0x10053, and the count then holds how many values (characters) the answer needed. A
+ * negative count is refused with 0x10060. The methods that send the array and receive their
+ * answer into it (the set methods, the monitoring frames, the DeviceNet attributes) take the
+ * count on entry as both the request's length and the capacity. Error lists take their
+ * capacity from plSizeOfErrBuf, kaVDoService from plSizeOfRecData.
  *
  * Types: 32-bit values are int32_t; byte arrays are arrays of int32_t that carry one byte
  * each, with the number of values in a separate int32_t.
@@ -29,11 +42,56 @@ extern "C" {
 
 typedef struct tamrik_com tamrik_com;
 
+/* One entry of the serial port map: COM port number (1 to 255) and the device that stands
+ * for it. */
+typedef struct tamrik_port {
+  int32_t port;
+  const char *device;
+} tamrik_port;
+
+/* Everything a driver object reads from its configuration file, for a driver object that
+ * uses no file. Fill it with tamrik_config_defaults() first, then change what you need.
+ * Texts and the port map are copied by tamrik_create_with(); they need not outlive the call. */
+typedef struct tamrik_config {
+  uint32_t struct_size;                /* sizeof(tamrik_config); set by tamrik_config_defaults */
+  /* Section Init. */
+  int32_t version;                     /* "Version": 1 demonstration mode, 0 the gateway; default 0 */
+  int32_t logfile;                     /* "Logfile": 1 traces methods and bytes; default 0 */
+  int32_t com_port;                    /* "ComPort"; default 1 */
+  int32_t baudrate;                    /* "Baudrate"; default 9600 */
+  int32_t read_interval_ms;            /* "ReadInterval": serial, most ms between two bytes; 200 */
+  int32_t read_total_multiplier_ms;    /* "ReadTotalMultiplier": serial, ms per byte asked for; 0 */
+  int32_t read_total_constant_ms;      /* "ReadTotalConstant": serial, ms per read; 500 */
+  int32_t read_total_constant_fw_ms;   /* "ReadTotalConstantFW": the same during downloads; 3000 */
+  int32_t stream_segment_sleep_ms;     /* "StreamSegmentSleepTime": pause before a stream segment's
+                                          answer is read; default 255 (the value of a missing key) */
+  int32_t socket_answer_ms;            /* "SocketAnswerTimeout": how long a TCP or UDP link by
+                                          address waits for an answer to begin; default 110 */
+  /* Section Ports: the device of each COM port; a port without an entry is /dev/ttyS<n-1>. */
+  const tamrik_port *ports;
+  int32_t port_count;
+  /* Section Privileged: the bit table of the privileged response, a permutation of 0 to 31. */
+  uint8_t privileged_bits[32];
+  /* The demonstration station (used when version is 1) and the boot-file list; NULL: none. */
+  const char *demo_file;
+  const char *boot_file;
+} tamrik_config;
+
+/* Fills *config with the defaults above (struct_size included). */
+TAMRIK_API void tamrik_config_defaults(tamrik_config *config);
+
+/* A driver object configured by *config; it reads and writes no configuration file. Null
+ * when config is null or malformed (struct_size too small, a negative time, privileged bits
+ * that are no permutation, a port outside 1 to 255 or without a device) or out of memory. */
+TAMRIK_API tamrik_com *tamrik_create_with(const tamrik_config *config);
+
 /* A driver object whose profile files (kaVcnf.ini, kaVdmo.ini, kaVBoot.ini) lie in the
- * directory of the loaded libtamrik.so. Null when it cannot be created. */
+ * directory of the loaded libtamrik.so when that directory is writable; otherwise in
+ * $TAMRIK_CONFIG_DIR, else in $XDG_CONFIG_HOME/tamrik (~/.config/tamrik when unset), made
+ * when missing. Null when it cannot be created. */
 TAMRIK_API tamrik_com *tamrik_create(void);
 
-/* The same with the directory of the profile files given. */
+/* The same with the directory of the profile files given; null when it does not exist. */
 TAMRIK_API tamrik_com *tamrik_create_in(const char *directory);
 
 /* Closes the link and destroys the object. */
@@ -43,6 +101,36 @@ TAMRIK_API void tamrik_release(tamrik_com *com);
  * unchanged (8-bit, code page 1252, no line end added). Null restores the default, which
  * writes each call to stderr as one UTF-8 line. */
 TAMRIK_API void tamrik_set_trace(void (*sink)(void *context, const char *text), void *context);
+
+/* The name of a result code ("BadCheckValue") and a sentence that says what it means, both
+ * static texts. A code the driver never returns gets the name "Unknown" and a text that says
+ * so; the composed families (0x20000 + answer code, 4000000 + socket error, ...) get their
+ * family's name and meaning. */
+TAMRIK_API const char *tamrik_result_name(uint32_t code);
+TAMRIK_API const char *tamrik_result_text(uint32_t code);
+
+/* The counters of one driver object since its creation. */
+#define TAMRIK_STATS_CODES 16
+typedef struct tamrik_stats {
+  uint32_t struct_size;          /* set by the caller to sizeof(tamrik_stats) */
+  uint64_t exchanges;            /* requests written */
+  uint64_t answers;              /* answer frames received whole with a correct check value */
+  uint64_t failures;             /* exchanges that ended with a result code other than 0 */
+  uint64_t dropped_frames;       /* frames that answered other requests, read and dropped */
+  uint64_t bytes_out;
+  uint64_t bytes_in;
+  int64_t last_answer_unix_ms;   /* wall-clock time of the last good answer; 0: none yet */
+  /* Failures by result code, in the order the codes first occurred; failures of codes beyond
+   * the table's room are counted in other_failures. */
+  uint32_t failure_code_count;
+  uint32_t failure_codes[TAMRIK_STATS_CODES];
+  uint64_t failure_counts[TAMRIK_STATS_CODES];
+  uint64_t other_failures;
+} tamrik_stats;
+
+/* Copies the counters of com into *stats. 0, or 0x10060 for a null pointer or a struct_size
+ * smaller than this header's. */
+TAMRIK_API uint32_t tamrik_get_stats(const tamrik_com *com, tamrik_stats *stats);
 
 /* The methods, in the order of the interface's method table (dispatch identifier first). */
 

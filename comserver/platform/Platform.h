@@ -31,6 +31,16 @@ void ShowMessageBox(const char* caption, const char* text);
 // cannot be found.
 std::string ModuleDirectory();
 
+// Whether path names an existing directory, and whether this process may create files in it.
+bool DirectoryExists(const std::string& path);
+bool DirectoryWritable(const std::string& path);
+
+// Where a user's own configuration goes when the module's directory is not writable:
+// $TAMRIK_CONFIG_DIR, else $XDG_CONFIG_HOME/tamrik, else ~/.config/tamrik (%APPDATA%\tamrik on
+// Windows). Made, with its missing parents, when it does not exist; with its trailing
+// separator, or empty when none can be had.
+std::string UserConfigDirectory();
+
 // --- time --------------------------------------------------------------------------------
 
 void SleepMs(uint32_t ms);
@@ -59,8 +69,10 @@ struct SerialDevice;  // opaque: a device handle and what the platform keeps bes
 enum class SerialOpenError { None, NotFound, AccessDenied, Other };
 
 // Opens COM port `port` exclusively. configFile names the driver's configuration file, in
-// which a platform may look up the device that stands for the port number.
-SerialDevice* SerialOpen(int32_t port, const std::string& configFile, SerialOpenError* error);
+// which a platform may look up the device that stands for the port number; a non-empty
+// device names it directly (a driver configured without a file).
+SerialDevice* SerialOpen(int32_t port, const std::string& configFile, SerialOpenError* error,
+                         const std::string& device = {});
 
 // Sets 8 data bits, no parity, one stop bit, DTR raised, RTS by rtsControl (two low bits:
 // 0 off, 1 on, 2 handshake, 3 toggle) and the baud rate, leaving every other setting as the
@@ -121,8 +133,10 @@ int32_t SocketRecvWait(SocketHandle s, uint8_t* buffer, uint32_t length, uint32_
 // 0 time-out, minus the error.
 int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs);
 
-// Waits until a connection in progress is made or has failed, at most timeoutMs.
-void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs);
+// Waits until a connection in progress is made or has failed, at most timeoutMs: 0 when it
+// was made or is still being made, else the error it failed with (10061 refused, ...), which
+// later sends and receives report as well.
+int32_t SocketWaitConnected(SocketHandle s, uint32_t timeoutMs);
 
 void SocketClose(SocketHandle s);
 

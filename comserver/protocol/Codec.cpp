@@ -315,6 +315,46 @@ uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLe
   return rc::kOk;
 }
 
+size_t AnswerValuesNeeded(uint32_t requestCode, const uint8_t* frame, size_t frameLen) {
+  const std::optional<AnswerHeader> header = WholeFrameHeader(frame, frameLen);
+  if (!header) return 0;
+  const size_t n = header->length;
+  if (IsRawRequest(requestCode)) return n;
+  switch (AnswerRuleFor(header->code)) {
+    case AnswerRule::BytePerValue:
+      return n;
+    case AnswerRule::Packed:
+      return (n + 3) / 4;
+    case AnswerRule::OneByte:
+      return n >= 1 ? 1 : 0;
+    case AnswerRule::TwoBytes:
+      return n >= 2 ? 1 : 0;
+    case AnswerRule::FourBytes:
+      return n >= 4 ? 1 : 0;
+    case AnswerRule::Words16:
+      return (n + 1) / 2;
+    case AnswerRule::Clock:
+      return n >= 4 ? 4 : 0;
+    case AnswerRule::ErrorList: {
+      // Every record is its entry's length plus one; a list that cannot be walked is refused
+      // by the decoding itself.
+      const uint8_t* data = frame + kHeaderSize;
+      size_t values = 0;
+      for (size_t pos = 0; pos < n;) {
+        const size_t length = data[pos];
+        if (length < kErrorEntryHeader || length > n - pos) return 0;
+        values += length + 1;
+        pos += length;
+      }
+      return values;
+    }
+    case AnswerRule::Refusal:
+    case AnswerRule::NotRecognised:
+      break;
+  }
+  return 0;
+}
+
 uint32_t DecodeClockRaw(const uint8_t* frame, size_t frameLen, int32_t* values, size_t capacity,
                         int32_t* count) {
   int32_t ignoredCount = 0;

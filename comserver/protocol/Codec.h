@@ -102,6 +102,11 @@ inline AnswerHeader ParseHeader(const uint8_t* fourBytes) {
 uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLen, int32_t* values,
                       size_t capacity, int32_t* count);
 
+// How many values DecodeAnswer writes for this frame when its room is unbounded: what a
+// caller's array must hold for the answer to arrive whole (0 for refusals, answers that
+// deliver nothing and frames that cannot be decoded).
+size_t AnswerValuesNeeded(uint32_t requestCode, const uint8_t* frame, size_t frameLen);
+
 // The reduced decoding for the privileged challenge: for answer 0x410F the first four data
 // bytes land unchanged in values[0] and the count becomes 1; any other answer copies nothing
 // and leaves the count at N; 0x410F with fewer than four data bytes or no room copies nothing

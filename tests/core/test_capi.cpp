@@ -91,7 +91,17 @@ TEST(CInterface, EveryMethodIsExportedAndRefusesNullPointers) {
   EXPECT_EQ(data[0], 9);
   EXPECT_EQ(openEthernet(com, nullptr, "127.0.0.1", &error), rc::kBadArgument);
   EXPECT_EQ(error, 7);
+  // The count on entry is the capacity: five characters are too few for the version text.
+  EXPECT_EQ(getVersion(com, text, &size, &error), rc::kAnswerFailed);
+  EXPECT_EQ(uint32_t(error), rc::kAnswerTooLong);
+  EXPECT_EQ(size, 11);
+  EXPECT_STREQ(text, "untouched");
+  size = -1;
+  EXPECT_EQ(getVersion(com, text, &size, &error), rc::kBadArgument);
+  EXPECT_EQ(uint32_t(error), rc::kBadArgument);
+  size = int32_t(sizeof text);
   EXPECT_EQ(getVersion(com, text, &size, &error), 0u);
+  EXPECT_EQ(size, 11);
   EXPECT_EQ(std::string(text, 11), "1.0 B2.1.38");
   release(com);
 }

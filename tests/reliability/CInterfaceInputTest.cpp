@@ -251,7 +251,7 @@ TEST(CInterfaceInput, CountsOutOfRangeAreRefused) {
   }
   int32_t capacityForList = -1;
   error = -1;
-  EXPECT_EQ(tamrik_kaVGetModuleList(demo, data.data(), &capacityForList, &error), 0u);
+  EXPECT_EQ(tamrik_kaVGetModuleList(demo, data.data(), &capacityForList, &error), rc::kBadArgument);
   EXPECT_EQ(uint32_t(error), rc::kBadArgument);
   EXPECT_EQ(demoDir.Read("kaVdmo.ini"), before);
   tamrik_release(demo);

@@ -1,6 +1,7 @@
 // Where the driver module lives, so that files shipped beside it can be found.
 #include <dlfcn.h>
 #include <link.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,6 +57,49 @@ std::string ModuleDirectory() {
   size_t slash = path.rfind('/');
   if (slash == std::string::npos) return {};
   return path.substr(0, slash + 1);
+}
+
+bool DirectoryExists(const std::string& path) {
+  struct stat info{};
+  return !path.empty() && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool DirectoryWritable(const std::string& path) {
+  return DirectoryExists(path) && ::access(path.c_str(), W_OK | X_OK) == 0;
+}
+
+namespace {
+
+// Makes path and its missing parents, private to the user as configuration should be.
+bool MakeDirectories(const std::string& path) {
+  if (path.empty()) return false;
+  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
+    const std::string part = path.substr(0, slash);
+    if (!part.empty() && ::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) return false;
+    if (slash == std::string::npos) break;
+  }
+  return DirectoryExists(path);
+}
+
+std::string Variable(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read, never set, by the driver
+  return value != nullptr ? value : "";
+}
+
+}  // namespace
+
+std::string UserConfigDirectory() {
+  std::string dir = Variable("TAMRIK_CONFIG_DIR");
+  if (dir.empty()) {
+    const std::string xdg = Variable("XDG_CONFIG_HOME");
+    const std::string home = Variable("HOME");
+    // A relative XDG_CONFIG_HOME is to be ignored, as the base directory rules say.
+    if (!xdg.empty() && xdg[0] == '/') dir = xdg + "/tamrik";
+    else if (!home.empty()) dir = home + "/.config/tamrik";
+  }
+  if (dir.empty() || !MakeDirectories(dir)) return {};
+  if (dir.back() != '/') dir += '/';
+  return dir;
 }
 
 }  // namespace tamrik::platform

@@ -124,13 +124,15 @@ ssize_t ReadDevice(SerialDevice* device, uint8_t* buffer, uint32_t length) {
 
 }  // namespace
 
-SerialDevice* SerialOpen(int32_t port, const std::string& configFile, SerialOpenError* error) {
+SerialDevice* SerialOpen(int32_t port, const std::string& configFile, SerialOpenError* error,
+                         const std::string& device) {
   SerialOpenError ignored;
   if (error == nullptr) error = &ignored;
   *error = SerialOpenError::None;
 
   std::optional<std::string> configured =
-      posix::ProfileValue("Ports", "Com" + std::to_string(port), configFile);
+      !device.empty() ? std::optional<std::string>(device)
+                      : posix::ProfileValue("Ports", "Com" + std::to_string(port), configFile);
   std::string path = (configured && !configured->empty())
                          ? *configured
                          : "/dev/ttyS" + std::to_string(static_cast<int64_t>(port) - 1);
@@ -173,9 +175,9 @@ SerialDevice* SerialOpen(int32_t port, const std::string& configFile, SerialOpen
   // anyway, and files or sockets named in the configuration do not support it.
   (void)::ioctl(fd, TIOCEXCL);
 
-  auto* device = new SerialDevice;
-  device->fd = fd;
-  return device;
+  auto* opened = new SerialDevice;
+  opened->fd = fd;
+  return opened;
 }
 
 bool SerialConfigure(SerialDevice* device, uint32_t baudrate, uint8_t rtsControl) {

@@ -366,11 +366,10 @@ int32_t SocketWaitReadable(SocketHandle s, uint32_t timeoutMs) {
   }
 }
 
-void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
+int32_t SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
   int fd = Fd(s);
-  if (fd < 0) return;
-  // Writable once the connection is made, error and hang-up once it failed; the failure
-  // itself is left on the socket for the next send or receive to report.
+  if (fd < 0) return 0;
+  // Writable once the connection is made, error and hang-up once it failed.
   const int64_t deadline = NowMs() + timeoutMs;
   for (;;) {
     int64_t left = deadline - NowMs();
@@ -378,9 +377,20 @@ void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
     pollfd p{fd, POLLOUT, 0};
     int r = ::poll(&p, 1, left > INT_MAX ? INT_MAX : static_cast<int>(left));
     if (r < 0 && errno == EINTR) continue;
-    if (r < 0) FailErrno(errno);
+    if (r < 0) {
+      FailErrno(errno);
+      return 0;  // the wait failed, not the connection
+    }
     if (r == 0 && left > INT_MAX) continue;
-    return;
+    if (r == 0) return 0;
+    int soError = 0;
+    socklen_t len = sizeof soError;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0) return FailErrno(errno);
+    if (soError == 0) return 0;
+    // Reading SO_ERROR clears it; the socket keeps reporting the failure all the same.
+    const int32_t wsaError = WsaFromErrno(soError);
+    RememberFailure(fd, wsaError);
+    return Fail(wsaError);
   }
 }
 

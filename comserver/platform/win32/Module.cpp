@@ -31,4 +31,39 @@ std::string ModuleDirectory() {
   return {};
 }
 
+bool DirectoryExists(const std::string& path) {
+  const DWORD attributes = GetFileAttributesA(path.c_str());
+  return !path.empty() && attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool DirectoryWritable(const std::string& path) {
+  if (!DirectoryExists(path)) return false;
+  // The only sure test is to make a file there.
+  char name[MAX_PATH];
+  if (GetTempFileNameA(path.c_str(), "tmk", 0, name) == 0) return false;
+  DeleteFileA(name);
+  return true;
+}
+
+std::string UserConfigDirectory() {
+  char buffer[MAX_PATH];
+  DWORD n = GetEnvironmentVariableA("TAMRIK_CONFIG_DIR", buffer, sizeof buffer);
+  std::string dir;
+  if (n > 0 && n < sizeof buffer) {
+    dir.assign(buffer, n);
+  } else {
+    n = GetEnvironmentVariableA("APPDATA", buffer, sizeof buffer);
+    if (n == 0 || n >= sizeof buffer) return {};
+    dir.assign(buffer, n);
+    dir += "\\tamrik";
+  }
+  // Parents first: each step may exist already.
+  for (size_t sep = dir.find_first_of("\\/", 3);; sep = dir.find_first_of("\\/", sep + 1)) {
+    CreateDirectoryA(dir.substr(0, sep).c_str(), nullptr);
+    if (sep == std::string::npos) break;
+  }
+  if (!DirectoryExists(dir)) return {};
+  return dir + "\\";
+}
+
 }  // namespace tamrik::platform

@@ -13,14 +13,15 @@ struct SerialDevice {
   HANDLE handle = INVALID_HANDLE_VALUE;
 };
 
-SerialDevice* SerialOpen(int32_t port, const std::string& configFile, SerialOpenError* error) {
+SerialDevice* SerialOpen(int32_t port, const std::string& configFile, SerialOpenError* error,
+                         const std::string& device) {
   SerialOpenError ignored;
   if (error == nullptr) error = &ignored;
   *error = SerialOpenError::None;
   // Room for any 32-bit number, the minus sign included.
   char name[32];
   std::snprintf(name, sizeof name, "\\\\.\\com%d", static_cast<int>(port));
-  HANDLE handle = CreateFileA(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+  HANDLE handle = CreateFileA(device.empty() ? name : device.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                               FILE_FLAG_WRITE_THROUGH, nullptr);
   if (handle == INVALID_HANDLE_VALUE) {
     switch (GetLastError()) {

@@ -144,10 +144,13 @@ int32_t SocketRecvWait(SocketHandle s, uint8_t* buffer, uint32_t length, uint32_
   return SocketRecv(s, buffer, length);
 }
 
-void SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
-  if (s == kInvalidSocket) return;
+int32_t SocketWaitConnected(SocketHandle s, uint32_t timeoutMs) {
+  if (s == kInvalidSocket) return 0;
   bool failed = false;
-  (void)SelectOne(s, true, timeoutMs, &failed);
+  // A failed connect shows in the exception set, with its error pending on the socket.
+  const int r = SelectOne(s, true, timeoutMs, &failed);
+  if (r == SOCKET_ERROR) return LastError();
+  return failed ? PendingError(Native(s)) : 0;
 }
 
 void SocketClose(SocketHandle s) { (void)closesocket(Native(s)); }
