@@ -352,18 +352,18 @@ class Servers {
 };
 
 // The driver's configuration: tracing off, no demonstration, the serial read time-outs the
-// driver writes by default, and the devices of the pseudo-terminals as COM ports.
-void WriteDriverConfig(const TempDir& dir, const std::vector<std::pair<int, std::string>>& ports) {
-  std::string text =
-      "[Init]\nVersion=0\nLogfile=0\nComPort=1\nBaudrate=115200\nReadInterval=200\n"
-      "ReadTotalMultiplier=0\nReadTotalConstant=500\nReadTotalConstantFW=3000\n[Ports]\n";
-  for (const auto& [number, path] : ports) text += "Com" + std::to_string(number) + "=" + path + "\n";
-  WriteFile(dir.File(tamrik::kConfigFileName), text);
+// driver writes by default, and the devices of the pseudo-terminals as COM ports. Made in
+// memory, as a host of the C interface makes it with tamrik_create_with.
+tamrik::DriverConfig DriverSettings(const std::vector<std::pair<int, std::string>>& ports) {
+  tamrik::DriverConfig config;
+  config.baudrate = 115200;
+  for (const auto& [number, path] : ports) config.ports[number] = path;
+  return config;
 }
 
-std::unique_ptr<tamrik::Ccom> OpenDriver(const TempDir& dir, const std::string& transport, uint16_t port,
-                                         int comPort) {
-  auto com = std::make_unique<tamrik::Ccom>(dir.path());
+std::unique_ptr<tamrik::Ccom> OpenDriver(const tamrik::DriverConfig& config, const std::string& transport,
+                                         uint16_t port, int comPort) {
+  auto com = std::make_unique<tamrik::Ccom>(config);
   int32_t error = 0;
   if (transport == "tcp") {
     com->kaVOpenEthernet(std::to_string(port).c_str(), "127.0.0.1", &error);
@@ -494,14 +494,14 @@ void StartEnds(const Options& opt, const TempDir& dir, Servers& servers, Transpo
   }
 }
 
-void ConnectClients(const TempDir& dir, Transport& tr) {
+void ConnectClients(const tamrik::DriverConfig& config, Transport& tr) {
   const std::string& t = tr.name;
   if (t == "pty") {
     tr.bare = std::make_unique<BareClient>(t + " bare", OpenRawTty(PtyFrom(tr.bareEnd.line)), 7, 16, false);
     tr.bareSim = std::make_unique<BareClient>(t + " bare/sim", OpenRawTty(PtyFrom(tr.simBareEnd.line)), 7, 16, false);
-    tr.driver = std::make_unique<DriverClient>(t + " driver", OpenDriver(dir, t, 0, kComSim));
-    tr.driverProgram = std::make_unique<DriverClient>(t + " driver/program", OpenDriver(dir, t, 0, kComProgram));
-    tr.driverBare = std::make_unique<DriverClient>(t + " driver/bare", OpenDriver(dir, t, 0, kComBare));
+    tr.driver = std::make_unique<DriverClient>(t + " driver", OpenDriver(config, t, 0, kComSim));
+    tr.driverProgram = std::make_unique<DriverClient>(t + " driver/program", OpenDriver(config, t, 0, kComProgram));
+    tr.driverBare = std::make_unique<DriverClient>(t + " driver/bare", OpenDriver(config, t, 0, kComBare));
     tr.modbus = std::make_unique<ModbusClient>(t + " libmodbus",
                                                modbus_new_rtu(PtyFrom(tr.modbusEnd.line).c_str(), 115200, 'N', 8, 1));
     return;
@@ -509,12 +509,12 @@ void ConnectClients(const TempDir& dir, Transport& tr) {
   const bool udp = t == "udp";
   tr.bare = std::make_unique<BareClient>(t + " bare", ConnectSocket(PortFrom(tr.bareEnd.line), udp), 7, 16, udp);
   tr.bareSim = std::make_unique<BareClient>(t + " bare/sim", ConnectSocket(PortFrom(tr.simBareEnd.line), udp), 7, 16, udp);
-  tr.driver = std::make_unique<DriverClient>(t + " driver", OpenDriver(dir, t, PortFrom(tr.simEnd.line), 0));
-  tr.driverProgram = std::make_unique<DriverClient>(t + " driver/program", OpenDriver(dir, t, PortFrom(tr.programEnd.line), 0));
-  tr.driverBare = std::make_unique<DriverClient>(t + " driver/bare", OpenDriver(dir, t, PortFrom(tr.responderEnd.line), 0));
+  tr.driver = std::make_unique<DriverClient>(t + " driver", OpenDriver(config, t, PortFrom(tr.simEnd.line), 0));
+  tr.driverProgram = std::make_unique<DriverClient>(t + " driver/program", OpenDriver(config, t, PortFrom(tr.programEnd.line), 0));
+  tr.driverBare = std::make_unique<DriverClient>(t + " driver/bare", OpenDriver(config, t, PortFrom(tr.responderEnd.line), 0));
   if (!udp) tr.modbus = std::make_unique<ModbusClient>(t + " libmodbus", modbus_new_tcp("127.0.0.1", PortFrom(tr.modbusEnd.line)));
   tr.blockBare = std::make_unique<BareClient>(t + " bare block", ConnectSocket(PortFrom(tr.blockEnd.line), udp), 263, 7, udp);
-  tr.imageBare = std::make_unique<DriverClient>(t + " driver image/bare", OpenDriver(dir, t, PortFrom(tr.imageBareEnd.line), 0));
+  tr.imageBare = std::make_unique<DriverClient>(t + " driver image/bare", OpenDriver(config, t, PortFrom(tr.imageBareEnd.line), 0));
   tr.blockSim =
       std::make_unique<BareClient>(t + " bare block/sim", ConnectSocket(PortFrom(tr.simBlockEnd.line), udp), 263, 7, udp);
 }
@@ -640,10 +640,10 @@ void StopPaced(tb::Child& paced, const std::string& statsFile, SerialResult* r) 
   r->ownP50Us = double(medianNs) / 1000.0;
 }
 
-SerialResult MeasureSerial(const TempDir& dir, tb::Child& paced, tb::Child& pacedBare, size_t count) {
+SerialResult MeasureSerial(const TempDir& dir, const tamrik::DriverConfig& config, tb::Child& paced, tb::Child& pacedBare, size_t count) {
   SerialResult r;
   {
-    DriverClient driver("pty driver paced", OpenDriver(dir, "pty", 0, kComPaced));
+    DriverClient driver("pty driver paced", OpenDriver(config, "pty", 0, kComPaced));
     BareClient bare("pty bare paced", OpenRawTty(PtyFrom(pacedBare.line)), 7, 16, false);
     driver.Unrecorded(10);
     bare.Unrecorded(10);
@@ -740,11 +740,11 @@ int main(int argc, char** argv) {
     CPU_ZERO(&allowed);
     std::printf("processes %s\n", opt.spread ? "placed by the scheduler (--spread)" : PinToOneCpu(&allowed).c_str());
     for (Transport& tr : transports) StartEnds(opt, dir, servers, tr);
-    WriteDriverConfig(dir, {{kComSim, PtyFrom(transports[2].simEnd.line)},
+    const tamrik::DriverConfig config = DriverSettings({{kComSim, PtyFrom(transports[2].simEnd.line)},
                             {kComProgram, PtyFrom(transports[2].programEnd.line)},
                             {kComBare, PtyFrom(transports[2].responderEnd.line)},
                             {kComPaced, PtyFrom(paced.line)}});
-    for (Transport& tr : transports) ConnectClients(dir, tr);
+    for (Transport& tr : transports) ConnectClients(config, tr);
     if (!opt.profile.empty()) return Profile(opt, transports, image);
 
     // --- 1 to 3: exchanges --------------------------------------------------------------
@@ -826,7 +826,7 @@ int main(int argc, char** argv) {
     // The serial timing is the paced line's, not the placement's: the client may use every
     // CPU again, as its far end does.
     if (CPU_COUNT(&allowed) > 0) sched_setaffinity(0, sizeof allowed, &allowed);
-    const SerialResult serial = MeasureSerial(dir, paced, pacedBare, opt.quick ? 100 : 600);
+    const SerialResult serial = MeasureSerial(dir, config, paced, pacedBare, opt.quick ? 100 : 600);
     const double expected = serial.wireUs + serial.ownP50Us;
     const double off = serial.exchange.p50Us / expected - 1;
     std::printf("\n5. Serial timing: pseudo-terminal paced at %u baud in both directions, 10 bits per byte\n",

@@ -34,12 +34,14 @@ inline constexpr int kPtyComPort = 7;
 class LinkedDriver {
  public:
   explicit LinkedDriver(Link link, int logfile = 0, int readTotalConstant = 150) : link_(link) {
-    std::string config = InitSection(0, logfile, 1, 115200, readTotalConstant);
-    if (link == Link::Pty) config += "[Ports]\nCom" + std::to_string(kPtyComPort) + "=" + sim_.StartPty() + "\n";
+    DriverConfig config;
+    config.logfile = logfile;
+    config.baudrate = 115200;
+    config.readTotalConstant = readTotalConstant;
+    if (link == Link::Pty) config.ports[kPtyComPort] = sim_.StartPty();
     if (link == Link::Tcp) tcpPort_ = sim_.StartTcp();
     if (link == Link::Udp) udpPort_ = sim_.StartUdp();
-    dir_.Write("kaVcnf.ini", config);
-    com_ = std::make_unique<Ccom>(dir_.path());
+    com_ = std::make_unique<Ccom>(config);
     openResult_ = Open();
   }
 
@@ -63,14 +65,12 @@ class LinkedDriver {
   Ccom& com() { return *com_; }
   CComPort& port() { return *com_->pComPort; }
   sim::Simulator& sim() { return sim_; }
-  const TempDir& dir() const { return dir_; }
   Link link() const { return link_; }
   int32_t openResult() const { return openResult_; }
 
  private:
   Link link_;
   sim::Simulator sim_;
-  TempDir dir_;
   uint16_t tcpPort_ = 0;
   uint16_t udpPort_ = 0;
   std::unique_ptr<Ccom> com_;
