@@ -6,11 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <string>
 
-#include <unistd.h>
 
 #include "Simulator.h"
 #include "tamrik.h"
@@ -39,11 +37,10 @@ int main(int argc, char** argv) {
     std::printf("simulated gateway on %s:%s (TCP)\n", host.c_str(), port.c_str());
   }
 
-  // The driver's profile files go to a directory of this run, so nothing is left behind.
-  const std::filesystem::path directory =
-      std::filesystem::temp_directory_path() / ("tamrik-example-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(directory);
-  tamrik_com* com = tamrik_create_in(directory.c_str());
+  // Configured in memory: the example reads and writes no profile file.
+  tamrik_config config;
+  tamrik_config_defaults(&config);
+  tamrik_com* com = tamrik_create_with(&config);
   if (com == nullptr) {
     std::printf("no driver object\n");
     return 1;
@@ -52,14 +49,15 @@ int main(int argc, char** argv) {
   int ok = 1;
   int32_t error = 0;
   if (Check("open link", tamrik_kaVOpenEthernet(com, port.c_str(), host.c_str(), &error), error)) {
-    char text[201] = {};
-    int32_t size = 200;
+    // Every count on entry is the room of its array; the driver refuses answers that need more.
+    char text[200] = {};
+    int32_t size = sizeof text;
     if (Check("identity", tamrik_kaVGetGatewayIdSring(com, text, &size, &error), error))
       std::printf("%-28s %.*s\n", "identity", int(size), text);
     int32_t version = 0;
     if (Check("gateway version", tamrik_kaVGetGatewayVersion(com, &version, &error), error))
       std::printf("%-28s %04X\n", "gateway version", uint32_t(version) & 0xFFFF);
-    size = 200;
+    size = sizeof text;
     if (Check("version string", tamrik_kaVGetGatewayVersionString(com, text, &size, &error), error))
       std::printf("%-28s %.*s\n", "version string", int(size), text);
 
@@ -72,7 +70,7 @@ int main(int argc, char** argv) {
     }
     for (int round = 0; round < 3; ++round) {
       int32_t inputs[256] = {};
-      count = 0;
+      count = 256;
       if (!Check("input image", tamrik_kaVGetProcessInData(com, inputs, &count, &error), error)) {
         ok = 0;
         break;
@@ -86,6 +84,5 @@ int main(int argc, char** argv) {
     ok = 0;
   }
   tamrik_release(com);
-  std::filesystem::remove_all(directory);
   return ok ? 0 : 1;
 }

@@ -11,7 +11,7 @@ int main(int argc, char **argv) {
   tamrik_com *com = tamrik_create_in(argv[1]);
   if (com == NULL) return 3;
   char version[16] = {0};
-  int32_t size = 0, error = 0, identity_size = 200;
+  int32_t size = sizeof version, error = 0, identity_size = 200;
   char identity[256] = {0};
   if (tamrik_kaVGetVersion(com, version, &size, &error) != 0) return 4;
   if (tamrik_kaVGetGatewayIdSring(com, identity, &identity_size, &error) != 0 || error != 0) return 5;
