@@ -18,7 +18,7 @@ run() {
 if [ "${1:-}" = "--subset" ]; then
   run tamrik_codec_tests
   run tamrik_platform_tests --gtest_filter='Profile*'
-  run tamrik_reliability_tests --gtest_filter='CInterfaceInput.*:Links/StaleAnswers.Frames*:ProfileNames.*'
+  run tamrik_reliability_tests --gtest_filter='CInterfaceInput.*:CInterfaceConfig.*:Links/HostileGateway.*:Links/StaleAnswers.Frames*:ProfileNames.*'
   run tamrik_core_tests --gtest_filter='DemoMethods*:*Demo*:CInterface*'
 else
   for program in tamrik_codec_tests tamrik_platform_tests tamrik_sim_tests tamrik_core_tests tamrik_reliability_tests; do

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -28,6 +29,67 @@ TEST(Module, DirectoryIsAbsoluteAndHoldsThisProgram) {
   EXPECT_EQ(ModuleDirectory(), dir);
   ASSERT_EQ(::chdir(cwd), 0);
   ::free(cwd);
+}
+
+// Sets an environment variable for one scope and puts the old value back.
+class ScopedVariable {
+ public:
+  ScopedVariable(const char* name, const char* value) : name_(name) {
+    const char* old = std::getenv(name);
+    if (old != nullptr) old_ = old;
+    hadOld_ = old != nullptr;
+    if (value != nullptr) ::setenv(name, value, 1);
+    else ::unsetenv(name);
+  }
+  ~ScopedVariable() {
+    if (hadOld_) ::setenv(name_, old_.c_str(), 1);
+    else ::unsetenv(name_);
+  }
+  ScopedVariable(const ScopedVariable&) = delete;
+  ScopedVariable& operator=(const ScopedVariable&) = delete;
+
+ private:
+  const char* name_;
+  std::string old_;
+  bool hadOld_ = false;
+};
+
+TEST(Module, UserConfigurationGoesWhereTheEnvironmentSaysAndIsMadeWhenMissing) {
+  char pattern[] = "/tmp/tamrik-config-XXXXXX";
+  ASSERT_NE(::mkdtemp(pattern), nullptr);
+  const std::string base = pattern;
+  EXPECT_TRUE(DirectoryExists(base));
+  EXPECT_TRUE(DirectoryWritable(base));
+  EXPECT_FALSE(DirectoryExists(base + "/none"));
+  EXPECT_FALSE(DirectoryWritable(base + "/none"));
+  {
+    // The project's own variable first, made with its parents.
+    ScopedVariable own("TAMRIK_CONFIG_DIR", (base + "/own/deeper").c_str());
+    ScopedVariable xdg("XDG_CONFIG_HOME", (base + "/xdg").c_str());
+    EXPECT_EQ(UserConfigDirectory(), base + "/own/deeper/");
+    EXPECT_TRUE(DirectoryExists(base + "/own/deeper"));
+  }
+  {
+    ScopedVariable own("TAMRIK_CONFIG_DIR", nullptr);
+    ScopedVariable xdg("XDG_CONFIG_HOME", (base + "/xdg").c_str());
+    EXPECT_EQ(UserConfigDirectory(), base + "/xdg/tamrik/");
+  }
+  {
+    // A relative XDG_CONFIG_HOME does not count; the home directory's .config does.
+    ScopedVariable own("TAMRIK_CONFIG_DIR", nullptr);
+    ScopedVariable xdg("XDG_CONFIG_HOME", "relative");
+    ScopedVariable home("HOME", (base + "/home").c_str());
+    EXPECT_EQ(UserConfigDirectory(), base + "/home/.config/tamrik/");
+    struct stat st {};
+    ASSERT_EQ(::stat((base + "/home/.config/tamrik").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+  }
+  {
+    // A place that cannot be made gives nothing rather than a directory that is not there.
+    ScopedVariable own("TAMRIK_CONFIG_DIR", "/proc/tamrik-cannot-be-made");
+    EXPECT_EQ(UserConfigDirectory(), "");
+  }
+  std::filesystem::remove_all(base);
 }
 
 void OnAlarm(int) {}
