@@ -1,13 +1,12 @@
 // Loading software into the gateway: firmware records to its boot loader, the boot-loader
-// chain over the serial line, and a binary image in blocks.
+// chain over the serial line, and a binary image in blocks. Every file is read through
+// before the first byte goes out.
 #include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
 
+#include "FileChecks.h"
 #include "Progress.h"
 #include "Tool.h"
 
@@ -21,35 +20,14 @@ Progress::Mode ProgressMode(const Context& ctx, bool quartersOtherwise) {
   return quartersOtherwise && !ctx.json && !ctx.noProgress ? Progress::Mode::Quarters : Progress::Mode::Off;
 }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw UsageError("cannot read " + path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Byte count of each record of a line file as it goes on the line: ':' and one byte per
-// digit pair, so the progress bar counts bytes the loader receives.
-std::vector<size_t> RecordSizes(const std::string& text) {
-  std::vector<size_t> sizes;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != ':') continue;
-    size_t digits = 0;
-    while (i + 1 + digits < text.size() && text[i + 1 + digits] >= '0' && text[i + 1 + digits] <= 'Z') ++digits;
-    sizes.push_back(1 + digits / 2);
-  }
-  return sizes;
-}
-
 void Firmware(Context& ctx, const std::string& file) {
-  const std::vector<size_t> sizes = RecordSizes(ReadFile(file));
+  const std::vector<size_t> sizes = CheckLineFile(file);
+  ctx.RequireYes("load the " + std::to_string(sizes.size()) + " firmware records of " + file + " into the boot loader");
   Session& session = ctx.Connect(Purpose::FirmwareLines);
   int32_t lines = 0, error = 0;
-  Check("kaVInitFirmwareDownload", tamrik_kaVInitFirmwareDownload(session.com(), file.c_str(), &lines, &error), error,
-        ResultContext::Loader);
+  Check("kaVInitFirmwareDownload", tamrik_kaVInitFirmwareDownload(session.com(), file.c_str(), &lines, &error), error);
   if (session.demonstration()) {
-    ctx.result.Set("records", 0);
+    ctx.result.Set("count", 0);
     ctx.result.Set("note", "demonstration mode: nothing was sent");
     return;
   }
@@ -60,14 +38,14 @@ void Firmware(Context& ctx, const std::string& file) {
   for (int32_t n = 0; n < lines; ++n) {
     int32_t line = n + 1;
     error = 0;
-    Check("kaVDownloadFirmwareLines", tamrik_kaVDownloadFirmwareLines(session.com(), &line, &error), error,
-          ResultContext::Loader);
+    Check("kaVDownloadFirmwareLines", tamrik_kaVDownloadFirmwareLines(session.com(), &line, &error), error);
     bytes += size_t(n) < sizes.size() ? sizes[size_t(n)] : 0;
     progress.Update(uint64_t(n) + 1, bytes);
   }
   progress.Finish();
   ctx.result.Set("file", file);
-  ctx.result.Set("records", lines);
+  ctx.result.Set("count", lines);
+  ctx.result.Set("unit", "records");
   ctx.result.Set("bytes", int64_t(bytes));
   ctx.result.Set("seconds", progress.Seconds());
   if (sim::SimBootLoader* loader = session.loader()) {
@@ -76,8 +54,22 @@ void Firmware(Context& ctx, const std::string& file) {
   }
 }
 
+void ShowLoader(Context& ctx, const sim::SimBootLoader& loader) {
+  for (int stage = 1; stage <= 3; ++stage) {
+    const auto bytes = loader.Stage(stage);
+    ctx.result.Set("loader_stage" + std::to_string(stage) + "_bytes", bytes ? int64_t(bytes->size()) : int64_t(0));
+  }
+  ctx.result.Set("loader_received_records", int64_t(loader.Records().size()));
+}
+
 void Boot(Context& ctx, const std::vector<std::string>& files, const std::string& ini) {
-  const bool withoutSetCtx = ini.empty() && (files[1] == "-" || files[1].empty());
+  const std::vector<std::string> names = ini.empty() ? files : ReadBootList(ini);
+  CheckBootFiles(names[0], names[1], names[2], names[3]);
+  const bool withoutSetCtx = names[1] == "-" || names[1].empty();
+  ctx.RequireYes("load the boot-loader chain (" + names[0] + ", " + (withoutSetCtx ? "no SetCtx" : names[1]) + ", " +
+                 names[2] + ", " + names[3] + ")");
+  // The driver reads the list itself, from where the user keeps it.
+  if (!ini.empty()) ctx.link.bootFile = ini;
   Session& session = ctx.Connect(withoutSetCtx ? Purpose::BootChainWithoutSetCtx : Purpose::BootChain, false);
   if (!session.serial()) throw UsageError("the boot-loader chain needs a serial line (--serial, or --sim)");
   int32_t baud = session.baud(), error = 0;
@@ -86,26 +78,49 @@ void Boot(Context& ctx, const std::vector<std::string>& files, const std::string
   const auto start = std::chrono::steady_clock::now();
   ctx.Say("boot-loader chain on " + session.Describe() + " ...\n");
   if (!ini.empty()) {
-    // The driver reads the list from its own directory.
-    fs::copy_file(ini, session.File("kaVBoot.ini"), fs::copy_options::overwrite_existing);
-    Check("kaVBootFirmwareDownload_FromIni", tamrik_kaVBootFirmwareDownload_FromIni(session.com(), &error), error,
-          ResultContext::Loader);
+    Check("kaVBootFirmwareDownload_FromIni", tamrik_kaVBootFirmwareDownload_FromIni(session.com(), &error), error);
   } else {
     // "-" stands for no SetCtx file: the stage is skipped.
     const std::string setCtx = withoutSetCtx ? std::string() : files[1];
     Check("kaVBootFirmwareDownload",
           tamrik_kaVBootFirmwareDownload(session.com(), files[0].c_str(), setCtx.c_str(), files[2].c_str(),
                                          files[3].c_str(), &error),
-          error, ResultContext::Loader);
+          error);
   }
   ctx.result.Set("done", "boot-loader chain loaded");
   ctx.result.Set("seconds", std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-  if (sim::SimBootLoader* loader = session.loader()) {
-    for (int stage = 1; stage <= 3; ++stage) {
-      const auto bytes = loader->Stage(stage);
-      ctx.result.Set("loader_stage" + std::to_string(stage) + "_bytes", bytes ? int64_t(bytes->size()) : int64_t(0));
-    }
-    ctx.result.Set("loader_received_records", int64_t(loader->Records().size()));
+  if (sim::SimBootLoader* loader = session.loader()) ShowLoader(ctx, *loader);
+}
+
+void CancelImage(Context& ctx) {
+  ctx.RequireYes("cancel the image download in progress");
+  int32_t error = 0;
+  Check("kaVCancelImageDownload", tamrik_kaVCancelImageDownload(ctx.Connect().com(), &error), error);
+  ctx.result.Set("done", "image download cancelled");
+}
+
+// A stop during the download: the gateway is told that the image is abandoned (an
+// announcement of length 0), so that it does not wait for the rest.
+[[noreturn]] void StopDownload(Context& ctx, int64_t taken, int32_t blocks) {
+  int32_t error = 0;
+  const uint32_t status = tamrik_kaVCancelImageDownload(ctx.session()->com(), &error);
+  const bool cancelled = status == 0 && error == 0;
+  ctx.result.Set("count", taken);
+  ctx.result.Set("cancelled", cancelled);
+  throw Interrupted("image download interrupted after " + std::to_string(taken) + " of " + std::to_string(blocks) +
+                    " blocks; " +
+                    (cancelled ? std::string("the cancel was sent to the gateway")
+                               : "sending the cancel failed: " + FormatCode(error != 0 ? uint32_t(error) : status)));
+}
+
+void Image(Context& ctx, const std::string& file, const std::string& start) {
+  const int32_t address = int32_t(uint32_t(ParseNumber(start, "--start", -1, 0xFFFFFFFFLL)));
+  DownloadImage(ctx, file, address, false);
+  if (sim::Simulator* sim = ctx.session()->simulator()) {
+    const auto image = sim->CompletedImage();
+    const std::string content = ReadWholeFile(file);
+    ctx.result.Set("gateway_received_identical",
+                   image && std::string(image->data.begin(), image->data.end()) == content);
   }
 }
 
@@ -114,85 +129,73 @@ void Boot(Context& ctx, const std::vector<std::string>& files, const std::string
 // Runs an image download with its progress; returns the block count. Shared with the demo.
 int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddress, bool quarters,
                       const std::string& label) {
-  Session& session = ctx.Connect();
   std::error_code ec;
   const auto length = fs::file_size(file, ec);
   if (ec) throw UsageError("cannot read " + file);
+  // The announcement of an empty image is the cancel: it would abandon a download, not load one.
+  if (length == 0) throw UsageError(file + " is empty: no image to send (image --cancel abandons a download)");
+  ctx.RequireYes("download the image " + file + " (" + std::to_string(length) + " bytes)");
+  Stoppable stop;
+  Session& session = ctx.Connect();
   int32_t start = startAddress, blocks = 0, error = 0;
   Check("kaVInitImageDownload", tamrik_kaVInitImageDownload(session.com(), file.c_str(), &start, &blocks, &error),
-        error, ResultContext::Image);
+        error);
   Progress progress(label, uint64_t(std::max(blocks, 1)), length, "blocks", ProgressMode(ctx, quarters));
-  uint64_t sent = 0;
   int64_t taken = 0;
-  // An empty image still takes one (empty) block; the loop ends at the block numbered -1.
+  // The loop ends at the block numbered -1, the last.
   for (int64_t guard = 0; guard <= int64_t(blocks); ++guard) {
+    if (Stoppable::Requested()) StopDownload(ctx, taken, blocks);
     int32_t block = 0;
     error = 0;
-    Check("kaVDownloadImageBlock", tamrik_kaVDownloadImageBlock(session.com(), &block, &error), error,
-          ResultContext::Image);
+    const uint32_t status = tamrik_kaVDownloadImageBlock(session.com(), &block, &error);
+    if (Stoppable::Requested()) StopDownload(ctx, taken, blocks);
+    Check("kaVDownloadImageBlock", status, error);
     ++taken;
-    sent = std::min<uint64_t>(length, uint64_t(taken) * 256);
-    progress.Update(uint64_t(taken), sent);
+    progress.Update(uint64_t(taken), std::min<uint64_t>(length, uint64_t(taken) * 256));
     if (block == -1) break;
   }
   progress.Finish();
   ctx.result.Set("file", file);
   ctx.result.Set("bytes", int64_t(length));
-  ctx.result.Set("blocks", taken);
+  ctx.result.Set("count", taken);
+  ctx.result.Set("unit", "blocks");
   if (startAddress != -1) ctx.result.Set("start_address", Json::Hex(uint32_t(startAddress), 8));
   ctx.result.Set("seconds", progress.Seconds());
-  ctx.result.Set("rate_bytes_per_second", progress.Seconds() > 0 ? double(sent) / progress.Seconds() : 0.0);
+  ctx.result.Set("rate_bytes_per_second", progress.Seconds() > 0 ? double(length) / progress.Seconds() : 0.0);
   return taken;
 }
 
 void AddDownloadCommands(CLI::App& app, Context& ctx) {
-  {
-    auto* cmd = app.add_subcommand("firmware", "Firmware line download: FILE's records to the boot loader");
-    auto file = std::make_shared<std::string>();
-    cmd->add_option("FILE", *file, "Firmware line file (records starting with ':')")->required()->check(CLI::ExistingFile);
-    cmd->callback([&ctx, file]() { ctx.run = [file](Context& c) { Firmware(c, *file); }; });
-  }
-  {
-    auto* cmd = app.add_subcommand(
-        "boot", "Boot-loader chain over the serial line: BSL SETCTX BOOT FIRMWARE (SETCTX '-': none), or --ini FILE");
-    auto files = std::make_shared<std::vector<std::string>>();
-    auto ini = std::make_shared<std::string>();
-    cmd->add_option("FILES", *files, "BSL, SetCtx, Boot and firmware line files")->expected(4);
-    cmd->add_option("--ini", *ini, "A kaVBoot.ini naming the four files (section BSL-Files)")->check(CLI::ExistingFile);
-    cmd->callback([&ctx, files, ini]() {
-      if (files->size() != 4 && ini->empty()) throw CLI::ValidationError("boot", "give the four files or --ini FILE");
-      ctx.run = [files, ini](Context& c) { Boot(c, *files, *ini); };
-    });
-  }
-  {
-    auto* cmd = app.add_subcommand("image", "Image download: FILE in blocks of 256 bytes; --cancel abandons one");
-    auto file = std::make_shared<std::string>();
-    auto start = std::make_shared<std::string>("-1");
-    auto cancel = std::make_shared<bool>(false);
-    cmd->add_option("FILE", *file, "Binary image file")->check(CLI::ExistingFile);
-    cmd->add_option("--start", *start, "Start address sent with the announcement (-1: none)");
-    cmd->add_flag("--cancel", *cancel, "Announce an empty image: abandons a download in progress");
-    cmd->callback([&ctx, file, start, cancel]() {
-      if (file->empty() == !*cancel) throw CLI::ValidationError("image", "give FILE or --cancel");
-      ctx.run = [file, start, cancel](Context& c) {
-        if (*cancel) {
-          int32_t error = 0;
-          Check("kaVCancelImageDownload", tamrik_kaVCancelImageDownload(c.Connect().com(), &error), error,
-                ResultContext::Image);
-          c.result.Set("done", "image download cancelled");
-          return;
-        }
-        const int32_t address = int32_t(uint32_t(ParseNumber(*start, "--start", -1, 0xFFFFFFFFLL)));
-        DownloadImage(c, *file, address, false);
-        if (sim::Simulator* sim = c.session()->simulator()) {
-          const auto image = sim->CompletedImage();
-          const std::string content = ReadFile(*file);
-          c.result.Set("gateway_received_identical",
-                       image && std::string(image->data.begin(), image->data.end()) == content);
-        }
-      };
-    });
-  }
+  auto* firmware = app.add_subcommand("firmware", "Firmware line download: FILE's records to the boot loader");
+  auto file = std::make_shared<std::string>();
+  firmware->add_option("FILE", *file, "Firmware line file (records starting with ':')")->required();
+  firmware->callback([&ctx, file]() { ctx.run = [file](Context& c) { Firmware(c, *file); }; });
+
+  auto* boot = app.add_subcommand(
+      "boot", "Boot-loader chain over the serial line: BSL SETCTX BOOT FIRMWARE (SETCTX '-': none), or --ini FILE");
+  auto files = std::make_shared<std::vector<std::string>>();
+  auto ini = std::make_shared<std::string>();
+  boot->add_option("FILES", *files, "BSL, SetCtx, Boot and firmware line files")->expected(4);
+  boot->add_option("--ini", *ini, "A kaVBoot.ini naming the four files (section BSL-Files)");
+  boot->callback([&ctx, files, ini]() {
+    if (files->size() != 4 && ini->empty()) throw CLI::ValidationError("boot", "give the four files or --ini FILE");
+    ctx.run = [files, ini](Context& c) { Boot(c, *files, *ini); };
+  });
+
+  auto* image = app.add_subcommand("image", "Image download: FILE in blocks of 256 bytes; --cancel abandons one");
+  auto imageFile = std::make_shared<std::string>();
+  auto start = std::make_shared<std::string>("-1");
+  auto cancel = std::make_shared<bool>(false);
+  image->add_option("FILE", *imageFile, "Binary image file (not empty)");
+  image->add_option("--start", *start, "Start address sent with the announcement (-1: none)");
+  image->add_flag("--cancel", *cancel, "Announce an empty image: abandons a download in progress");
+  image->callback([&ctx, imageFile, start, cancel]() {
+    if (imageFile->empty() == !*cancel) throw CLI::ValidationError("image", "give FILE or --cancel");
+    ctx.run = [imageFile, start, cancel](Context& c) {
+      if (*cancel) CancelImage(c);
+      else Image(c, *imageFile, *start);
+    };
+  });
 }
 
 }  // namespace tamrik::cli

@@ -2,7 +2,11 @@
 // address, switches, leds, reset, fbi, tr, service-baud.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include "Tool.h"
@@ -10,16 +14,15 @@
 namespace tamrik::cli {
 namespace {
 
-// Room for the largest answer a frame can carry (16-bit data length), one value per byte.
-constexpr int32_t kMaxValues = 65536;
+// Room for the lists and texts the gateway answers with; a longer answer is asked for again
+// with the room it needs.
+constexpr size_t kListRoom = 256;
 
-std::string ReadText(Context& ctx, const char* method,
-                     uint32_t (*call)(tamrik_com*, char*, int32_t*, int32_t*)) {
-  std::vector<char> text(256, '\0');
-  int32_t size = 200;  // demonstration mode reads at most size - 1 characters
-  int32_t error = 0;
-  Check(method, call(ctx.Connect().com(), text.data(), &size, &error), error);
-  return std::string(text.data(), size_t(std::clamp(size, 0, 200)));
+std::string ReadText(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*, char*, int32_t*, int32_t*)) {
+  tamrik_com* com = ctx.Connect().com();
+  return ReceiveText(method, kListRoom, [&](char* text, int32_t* count, int32_t* error) {
+    return call(com, text, count, error);
+  });
 }
 
 int32_t ReadValue(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*, int32_t*, int32_t*)) {
@@ -29,10 +32,23 @@ int32_t ReadValue(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*
   return value;
 }
 
+std::vector<int32_t> ReadValues(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*, int32_t*, int32_t*, int32_t*)) {
+  tamrik_com* com = ctx.Connect().com();
+  return ReceiveValues(method, kListRoom, [&](int32_t* data, int32_t* count, int32_t* error) {
+    return call(com, data, count, error);
+  });
+}
+
 void RunControl(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*, int32_t*), const char* done) {
   int32_t error = 0;
   Check(method, call(ctx.Connect().com(), &error), error);
   ctx.result.Set("done", done);
+}
+
+// Sends one value with a set method; the caller has asked for --yes already.
+void SetValue(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*, int32_t*, int32_t*), int32_t value) {
+  int32_t error = 0;
+  Check(method, call(ctx.Connect().com(), &value, &error), error);
 }
 
 Json ReadClock(Context& ctx) {
@@ -49,233 +65,286 @@ Json ReadClock(Context& ctx) {
   return clock;
 }
 
+Json Hex16(int32_t value) { return Json::Hex(uint32_t(value) & 0xFFFF, 4); }
+
+Json ReadBootHwInfo(Context& ctx) {
+  // The count comes back in bytes; each value holds one 16-bit word.
+  const std::vector<int32_t> words = ReadValues(ctx, "kavGetBootFctsHwInfo", tamrik_kavGetBootFctsHwInfo);
+  Json hw = Json::Array();
+  for (size_t i = 0; i < words.size() / 2; ++i) hw.Push(Hex16(words[i]));
+  return hw;
+}
+
 void Info(Context& ctx) {
-  Json identity = ReadIdentity(ctx);
+  std::vector<CallFailed> failures;
+  Json identity = ReadIdentity(ctx, &failures);
   for (const auto& [key, value] : identity.Fields()) ctx.result.Set(key, value);
+  if (failures.empty()) return;
+  // What could be read is shown; the run still fails, with the first failure as its error.
+  ctx.status = kExitFailed;
+  for (const CallFailed& failure : failures)
+    std::fprintf(stderr, "tamrik: %s failed: %s\n", failure.method.c_str(), FormatCode(failure.code).c_str());
+  Json error = ErrorObject(failures.front().code);
+  error.Set("method", failures.front().method);
+  if (ctx.json) ctx.result.Set("error", error);
+  std::fprintf(stderr, "tamrik: %zu of %zu parts of info could not be read\n", failures.size(), identity.Size());
+}
+
+Json ErrorRow(const std::vector<int32_t>& data, size_t at, int32_t entry, int32_t recordSize) {
+  Json row = Json::Object();
+  row.Set("entry", entry);
+  row.Set("code", Json::Hex(uint32_t(data[at + 1]) & 0xFF, 2));
+  row.Set("duration", FormatDuration(data[at + 2], data[at + 3], data[at + 4], data[at + 5], data[at + 6]));
+  row.Set("duration_ms", int64_t(data[at + 2]) * 86400000 + int64_t(data[at + 3]) * 3600000 +
+                             int64_t(data[at + 4]) * 60000 + int64_t(data[at + 5]) * 1000 + data[at + 6]);
+  std::vector<uint8_t> extra;
+  for (int32_t k = 7; k < recordSize && at + size_t(k) < data.size(); ++k) extra.push_back(uint8_t(data[at + k]));
+  row.Set("extra", Json::Bytes(extra));
+  return row;
 }
 
 void Errors(Context& ctx) {
-  std::vector<int32_t> data(kMaxValues, 0);
-  int32_t entries = 0, size = kMaxValues, error = 0;
-  Check("kaVGetGatewayErrorList",
-        tamrik_kaVGetGatewayErrorList(ctx.Connect().com(), &entries, data.data(), &size, &error), error);
+  tamrik_com* com = ctx.Connect().com();
+  int32_t entries = 0;
+  const std::vector<int32_t> data =
+      ReceiveValues("kaVGetGatewayErrorList", 1024, [&](int32_t* values, int32_t* size, int32_t* error) {
+        return tamrik_kaVGetGatewayErrorList(com, &entries, values, size, error);
+      });
   Json list = Json::Array();
   size_t at = 0;
   for (int32_t n = 0; n < entries && at + 7 <= data.size(); ++n) {
     // Records lie back to back; the first value of each is its size in values.
     const int32_t recordSize = std::max(data[at], 7);
-    Json row = Json::Object();
-    row.Set("entry", n + 1);
-    row.Set("code", Json::Hex(uint32_t(data[at + 1]) & 0xFF, 2));
-    row.Set("duration", FormatDuration(data[at + 2], data[at + 3], data[at + 4], data[at + 5], data[at + 6]));
-    row.Set("duration_ms", int64_t(data[at + 2]) * 86400000 + int64_t(data[at + 3]) * 3600000 +
-                               int64_t(data[at + 4]) * 60000 + int64_t(data[at + 5]) * 1000 + data[at + 6]);
-    std::vector<uint8_t> extra;
-    for (int32_t k = 7; k < recordSize && at + size_t(k) < data.size(); ++k) extra.push_back(uint8_t(data[at + k]));
-    row.Set("extra", Json::Bytes(extra));
-    list.Push(row);
+    list.Push(ErrorRow(data, at, n + 1, recordSize));
     at += size_t(recordSize);
   }
-  ctx.result.Set("entries", entries);
+  ctx.result.Set("count", entries);
   if (list.Size() > 0) ctx.result.Set("errors", list);
+}
+
+// One part of the identity: its value, or (with failures to collect them) what made it fail.
+void Part(Context& ctx, Json& info, const char* key, std::vector<CallFailed>* failures,
+          const std::function<Json()>& read) {
+  try {
+    info.Set(key, read());
+  } catch (const CallFailed& failure) {
+    if (failures == nullptr) throw;
+    failures->push_back(failure);
+    if (ctx.json) {
+      Json error = ErrorObject(failure.code);
+      error.Set("method", failure.method);
+      Json part = Json::Object();
+      part.Set("error", error);
+      info.Set(key, part);
+    } else {
+      info.Set(key, "FAILED " + FormatCode(failure.code) + " (" + failure.method + ")");
+    }
+  }
 }
 
 }  // namespace
 
-Json ReadIdentity(Context& ctx) {
+Json ReadIdentity(Context& ctx, std::vector<CallFailed>* failures) {
+  // A link that does not open fails the whole command, not each part alike.
+  tamrik_com* com = ctx.Connect().com();
   Json info = Json::Object();
-  {
-    char version[16] = {};
-    int32_t size = 0, error = 0;
-    Check("kaVGetVersion", tamrik_kaVGetVersion(ctx.Connect().com(), version, &size, &error), error);
-    info.Set("driver_version", std::string(version, size_t(std::clamp(size, 0, 11))));
-  }
-  info.Set("identity", ReadText(ctx, "kaVGetGatewayIdSring", tamrik_kaVGetGatewayIdSring));
-  info.Set("version", Json::Hex(uint32_t(ReadValue(ctx, "kaVGetGatewayVersion", tamrik_kaVGetGatewayVersion)) & 0xFFFF, 4));
-  info.Set("version_string", ReadText(ctx, "kaVGetGatewayVersionString", tamrik_kaVGetGatewayVersionString));
-  info.Set("boot_id", ReadText(ctx, "kaVGetGatewayBootFunctionIdString", tamrik_kaVGetGatewayBootFunctionIdString));
-  info.Set("boot_version",
-           Json::Hex(uint32_t(ReadValue(ctx, "kaVGetGatewayBootVersion", tamrik_kaVGetGatewayBootVersion)) & 0xFFFF, 4));
-  {
-    std::vector<int32_t> words(kMaxValues, 0);
-    int32_t count = 0, error = 0;
-    Check("kavGetBootFctsHwInfo", tamrik_kavGetBootFctsHwInfo(ctx.Connect().com(), words.data(), &count, &error),
-          error);
-    // The count is in bytes; each value holds one 16-bit word.
-    Json hw = Json::Array();
-    for (int32_t i = 0; i < std::clamp(count / 2, 0, kMaxValues); ++i) hw.Push(Json::Hex(uint32_t(words[size_t(i)]) & 0xFFFF, 4));
-    info.Set("boot_hw_info", hw);
-  }
-  info.Set("gateway_id", Json::Hex(uint32_t(ReadValue(ctx, "kaVGetGatewayId", tamrik_kaVGetGatewayId)), 8));
-  info.Set("station_address", ReadValue(ctx, "kaVGetStationAddress", tamrik_kaVGetStationAddress));
-  info.Set("operation_mode", ReadValue(ctx, "kaVGetGatewayOperationMode", tamrik_kaVGetGatewayOperationMode) & 0xFF);
-  info.Set("switches", Json::Hex(uint32_t(ReadValue(ctx, "kaVGetCurrentGwSwitches", tamrik_kaVGetCurrentGwSwitches)) & 0xFFFF, 4));
-  info.Set("clock", ReadClock(ctx).Find("text")->AsString());
+  Part(ctx, info, "driver_version", failures, [&]() -> Json {
+    return ReceiveText("kaVGetVersion", 64, [&](char* text, int32_t* count, int32_t* error) {
+      return tamrik_kaVGetVersion(com, text, count, error);
+    });
+  });
+  Part(ctx, info, "identity", failures, [&]() -> Json { return ReadText(ctx, "kaVGetGatewayIdSring", tamrik_kaVGetGatewayIdSring); });
+  Part(ctx, info, "version", failures, [&] { return Hex16(ReadValue(ctx, "kaVGetGatewayVersion", tamrik_kaVGetGatewayVersion)); });
+  Part(ctx, info, "version_string", failures, [&]() -> Json {
+    return ReadText(ctx, "kaVGetGatewayVersionString", tamrik_kaVGetGatewayVersionString);
+  });
+  Part(ctx, info, "boot_id", failures, [&]() -> Json {
+    return ReadText(ctx, "kaVGetGatewayBootFunctionIdString", tamrik_kaVGetGatewayBootFunctionIdString);
+  });
+  Part(ctx, info, "boot_version", failures,
+       [&] { return Hex16(ReadValue(ctx, "kaVGetGatewayBootVersion", tamrik_kaVGetGatewayBootVersion)); });
+  Part(ctx, info, "boot_hw_info", failures, [&] { return ReadBootHwInfo(ctx); });
+  Part(ctx, info, "gateway_id", failures, [&] {
+    return Json::Hex(uint32_t(ReadValue(ctx, "kaVGetGatewayId", tamrik_kaVGetGatewayId)), 8);
+  });
+  Part(ctx, info, "station_address", failures,
+       [&]() -> Json { return ReadValue(ctx, "kaVGetStationAddress", tamrik_kaVGetStationAddress); });
+  Part(ctx, info, "operation_mode", failures, [&]() -> Json {
+    return ReadValue(ctx, "kaVGetGatewayOperationMode", tamrik_kaVGetGatewayOperationMode) & 0xFF;
+  });
+  Part(ctx, info, "switches", failures,
+       [&] { return Hex16(ReadValue(ctx, "kaVGetCurrentGwSwitches", tamrik_kaVGetCurrentGwSwitches)); });
+  Part(ctx, info, "clock", failures, [&] { return *ReadClock(ctx).Find("text"); });
   return info;
 }
 
 Json ReadModules(Context& ctx) {
-  tamrik_com* com = ctx.Connect().com();
-  std::vector<int32_t> ids(kMaxValues, 0);
-  int32_t count = 256, error = 0;  // the count is the capacity in demonstration mode
-  Check("kaVGetModuleList", tamrik_kaVGetModuleList(com, ids.data(), &count, &error), error);
-  count = std::clamp(count, 0, 256);
-
-  std::vector<int32_t> withStatus(kMaxValues, 0);
-  int32_t statusCount = 256;
-  Check("kaVGetModulIdStatusList", tamrik_kaVGetModulIdStatusList(com, withStatus.data(), &statusCount, &error), error);
-  // Software revisions and types are not kept in demonstration data: the methods leave the
-  // count as it was, 0 here, and the columns stay empty.
-  std::vector<int32_t> revisions(kMaxValues, 0), types(kMaxValues, 0);
-  int32_t revisionCount = 0, typeCount = 0;
-  Check("kaVGetModuleSWRev", tamrik_kaVGetModuleSWRev(com, revisions.data(), &revisionCount, &error), error);
-  Check("kaVGetModuleTyp", tamrik_kaVGetModuleTyp(com, types.data(), &typeCount, &error), error);
-
+  const std::vector<int32_t> ids = ReadValues(ctx, "kaVGetModuleList", tamrik_kaVGetModuleList);
+  const std::vector<int32_t> withStatus = ReadValues(ctx, "kaVGetModulIdStatusList", tamrik_kaVGetModulIdStatusList);
+  // Software revisions and types are not kept in demonstration data (the methods deliver
+  // nothing there): the columns stay empty.
+  const bool live = !ctx.session()->demonstration();
+  std::vector<int32_t> revisions, types;
+  if (live) {
+    revisions = ReadValues(ctx, "kaVGetModuleSWRev", tamrik_kaVGetModuleSWRev);
+    types = ReadValues(ctx, "kaVGetModuleTyp", tamrik_kaVGetModuleTyp);
+  }
   Json rows = Json::Array();
-  for (int32_t i = 0; i < count; ++i) {
-    const uint32_t id = uint32_t(ids[size_t(i)]) & 0xFFFFFF;
+  for (size_t i = 0; i < ids.size(); ++i) {
+    const uint32_t id = uint32_t(ids[i]) & 0xFFFFFF;
     Json row = Json::Object();
-    row.Set("slot", i + 1);
+    row.Set("slot", int64_t(i) + 1);
     row.Set("id", Json::Hex(id, 6));
     // Live, each value of the status list carries the identifier above its status byte.
-    const bool hasStatus = !ctx.session()->demonstration() && i < statusCount;
-    row.Set("status", hasStatus ? Json::Hex(uint32_t(withStatus[size_t(i)]) & 0xFF, 2) : Json());
-    row.Set("sw_revision", i < revisionCount ? Json::Hex(uint32_t(revisions[size_t(i)]) & 0xFF, 2) : Json());
-    row.Set("type", i < typeCount ? Json::Hex(uint32_t(types[size_t(i)]) & 0xFF, 2) : Json());
+    row.Set("status", live && i < withStatus.size() ? Json::Hex(uint32_t(withStatus[i]) & 0xFF, 2) : Json());
+    row.Set("sw_revision", i < revisions.size() ? Json::Hex(uint32_t(revisions[i]) & 0xFF, 2) : Json());
+    row.Set("type", i < types.size() ? Json::Hex(uint32_t(types[i]) & 0xFF, 2) : Json());
     row.Set("diag_bytes", DiagLength(id));
     rows.Push(row);
   }
   return rows;
 }
 
+namespace {
+
+void Modules(Context& ctx) {
+  Json modules = ReadModules(ctx);
+  ctx.result.Set("count", int64_t(modules.Size()));
+  ctx.result.Set("modules", modules);
+}
+
+void Clock(Context& ctx) {
+  const Json clock = ReadClock(ctx);
+  for (const auto& [key, value] : clock.Fields()) ctx.result.Set(key == "text" ? "clock" : key, value);
+}
+
+void Switches(Context& ctx) {
+  ctx.result.Set("switches", Hex16(ReadValue(ctx, "kaVGetCurrentGwSwitches", tamrik_kaVGetCurrentGwSwitches)));
+}
+
+void Reset(Context& ctx) {
+  ctx.RequireYes("reset the gateway (hardware reset)");
+  RunControl(ctx, "kaVExecHardwareReset", tamrik_kaVExecHardwareReset, "hardware reset");
+}
+
+void OperationMode(Context& ctx, const std::string& text) {
+  if (!text.empty()) {
+    const int32_t mode = int32_t(ParseNumber(text, "MODE", 0, 255));
+    ctx.RequireYes("set the operation mode to " + std::to_string(mode));
+    SetValue(ctx, "kaVSetGatewayOperationMode", tamrik_kaVSetGatewayOperationMode, mode);
+    ctx.result.Set("set", mode);
+  }
+  ctx.result.Set("operation_mode", ReadValue(ctx, "kaVGetGatewayOperationMode", tamrik_kaVGetGatewayOperationMode) & 0xFF);
+}
+
+void StationAddress(Context& ctx, const std::string& text) {
+  std::optional<int32_t> wanted;
+  if (!text.empty()) {
+    wanted = int32_t(ParseNumber(text, "ADDRESS", 0, 255));
+    // The driver has no service of its own for the address and sends the operation-mode one.
+    ctx.RequireYes("set the station address to " + std::to_string(*wanted) +
+                   " (the request carries the operation-mode service code 262, so the gateway may take " +
+                   std::to_string(*wanted) + " for a new operation mode)");
+    SetValue(ctx, "kaVSetStationAddress", tamrik_kaVSetStationAddress, *wanted);
+    ctx.result.Set("set", *wanted);
+  }
+  const int32_t now = ReadValue(ctx, "kaVGetStationAddress", tamrik_kaVGetStationAddress);
+  ctx.result.Set("station_address", now);
+  if (wanted && now != *wanted) {
+    ctx.result.Set("note", "the gateway did not take the new address: the driver sends it with the "
+                           "operation-mode service (262), which a gateway may take for a new operation mode");
+  }
+}
+
+void Leds(Context& ctx, const std::string& text) {
+  const int32_t leds = int32_t(ParseNumber(text, "VALUE", 0, 0xFFFF));
+  ctx.RequireYes("set the LEDs to " + Hex16(leds).Text());
+  SetValue(ctx, "kaVSetGatewayLeds", tamrik_kaVSetGatewayLeds, leds);
+  ctx.result.Set("leds", Hex16(leds));
+}
+
+void FieldBus(Context& ctx, const std::string& action) {
+  ctx.RequireYes(action + " the field-bus interface");
+  if (action == "start") {
+    RunControl(ctx, "kaVGatewayFbiStart", tamrik_kaVGatewayFbiStart, "field-bus interface started");
+  } else {
+    RunControl(ctx, "kaVGatewayFbiReset", tamrik_kaVGatewayFbiReset, "field-bus interface reset");
+  }
+}
+
+void TrBuffer(Context& ctx, const std::string& action) {
+  if (action == "clear") {
+    ctx.RequireYes("clear the TR buffer");
+    RunControl(ctx, "kaVClearTRBuffer", tamrik_kaVClearTRBuffer, "TR buffer cleared");
+    return;
+  }
+  const std::vector<uint8_t> bytes = ValuesToBytes(ReadValues(ctx, "kaVGetTRBuffer", tamrik_kaVGetTRBuffer));
+  ctx.result.Set("count", int64_t(bytes.size()));
+  ctx.result.Set("tr_buffer", Json::Bytes(bytes));
+}
+
+void ServiceBaud(Context& ctx, const std::string& text) {
+  const int32_t rate = int32_t(ParseNumber(text, "RATE", 9600, 115200));
+  if (rate != 9600 && rate != 19200 && rate != 38400 && rate != 57600 && rate != 115200)
+    throw UsageError("RATE must be 9600, 19200, 38400, 57600 or 115200");
+  ctx.RequireYes("set the service interface's baud rate to " + std::to_string(rate));
+  SetValue(ctx, "kaVSetGatewayServiceBaudrate", tamrik_kaVSetGatewayServiceBaudrate, rate);
+  ctx.result.Set("service_baud", rate);
+}
+
+// Commands without arguments.
+struct PlainCommand {
+  const char* name;
+  const char* summary;
+  void (*run)(Context&);
+};
+constexpr PlainCommand kPlainCommands[] = {
+    {"info", "Identity, versions, station address, gateway id, operation mode, switches, clock", Info},
+    {"modules", "Module list: identifiers, status, software revision, type, diagnosis size", Modules},
+    {"errors", "The gateway's error list: code, duration, extra bytes", Errors},
+    {"clock", "The gateway's clock (time since start)", Clock},
+    {"switches", "Current positions of the gateway's switches", Switches},
+    {"reset", "Hardware reset of the gateway (changes the gateway)", Reset},
+};
+
+// Commands with one word or number; choices, when given, are the words it may be.
+struct WordCommand {
+  const char* name;
+  const char* summary;
+  const char* word;
+  const char* wordHelp;
+  bool required;
+  std::vector<std::string> choices;
+  const char* fallback;  // the word when none is given
+  void (*run)(Context&, const std::string&);
+};
+const WordCommand kWordCommands[] = {
+    {"opmode", "Read the operation mode, or set it to MODE and read it back", "MODE", "New operation mode (0 to 255)",
+     false, {}, "", OperationMode},
+    {"address", "Read the station address, or set it to ADDRESS and read it back (sent with the operation-mode service)",
+     "ADDRESS", "New station address (0 to 255)", false, {}, "", StationAddress},
+    {"leds", "Set the gateway's LEDs to VALUE (16 bits)", "VALUE", "LED pattern, e.g. 0x0102", true, {}, "", Leds},
+    {"fbi", "Start or reset the gateway's field-bus interface", "ACTION", "start or reset", true, {"start", "reset"}, "",
+     FieldBus},
+    {"tr", "Read (default) or clear the gateway's TR buffer", "ACTION", "read or clear", false, {"read", "clear"}, "read",
+     TrBuffer},
+    {"service-baud", "Set the baud rate of the gateway's service interface; the line keeps its own", "RATE",
+     "9600, 19200, 38400, 57600 or 115200", true, {"9600", "19200", "38400", "57600", "115200"}, "", ServiceBaud},
+};
+
+}  // namespace
+
 void AddGatewayCommands(CLI::App& app, Context& ctx) {
-  app.add_subcommand("info", "Identity, versions, station address, gateway id, operation mode, switches, clock")
-      ->callback([&ctx]() { ctx.run = Info; });
-
-  app.add_subcommand("modules", "Module list: identifiers, status, software revision, type, diagnosis size")
-      ->callback([&ctx]() {
-        ctx.run = [](Context& c) {
-          Json modules = ReadModules(c);
-          c.result.Set("count", int64_t(modules.Size()));
-          c.result.Set("modules", modules);
-        };
-      });
-
-  app.add_subcommand("errors", "The gateway's error list: code, duration, extra bytes")
-      ->callback([&ctx]() { ctx.run = Errors; });
-
-  app.add_subcommand("clock", "The gateway's clock (time since start)")->callback([&ctx]() {
-    ctx.run = [](Context& c) {
-      const Json clock = ReadClock(c);
-      for (const auto& [key, value] : clock.Fields()) c.result.Set(key == "text" ? "clock" : key, value);
-    };
-  });
-
-  {
-    auto* cmd = app.add_subcommand("opmode", "Read the operation mode, or set it to MODE and read it back");
-    auto mode = std::make_shared<std::string>();
-    cmd->add_option("MODE", *mode, "New operation mode (0 to 255)");
-    cmd->callback([&ctx, mode]() {
-      ctx.run = [mode](Context& c) {
-        if (!mode->empty()) {
-          int32_t value = int32_t(ParseNumber(*mode, "MODE", 0, 255)), error = 0;
-          Check("kaVSetGatewayOperationMode", tamrik_kaVSetGatewayOperationMode(c.Connect().com(), &value, &error), error);
-          c.result.Set("set", int32_t(ParseNumber(*mode, "MODE", 0, 255)));
-        }
-        c.result.Set("operation_mode",
-                     ReadValue(c, "kaVGetGatewayOperationMode", tamrik_kaVGetGatewayOperationMode) & 0xFF);
-      };
-    });
+  for (const PlainCommand& command : kPlainCommands) {
+    app.add_subcommand(command.name, command.summary)->callback([&ctx, run = command.run]() { ctx.run = run; });
   }
-  {
-    auto* cmd = app.add_subcommand("address", "Read the station address, or set it to ADDRESS and read it back");
-    auto address = std::make_shared<std::string>();
-    cmd->add_option("ADDRESS", *address, "New station address (0 to 255)");
-    cmd->callback([&ctx, address]() {
-      ctx.run = [address](Context& c) {
-        if (!address->empty()) {
-          int32_t value = int32_t(ParseNumber(*address, "ADDRESS", 0, 255)), error = 0;
-          Check("kaVSetStationAddress", tamrik_kaVSetStationAddress(c.Connect().com(), &value, &error), error);
-          c.result.Set("set", int32_t(ParseNumber(*address, "ADDRESS", 0, 255)));
-        }
-        const int32_t now = ReadValue(c, "kaVGetStationAddress", tamrik_kaVGetStationAddress);
-        c.result.Set("station_address", now);
-        if (!address->empty() && now != ParseNumber(*address, "ADDRESS", 0, 255)) {
-          // The driver has no service of its own for this and sends the operation-mode service.
-          c.result.Set("note", "the gateway did not take the new address: the driver sends it with the "
-                               "operation-mode service (262), which a gateway may take for a new operation mode");
-        }
-      };
-    });
-  }
-  app.add_subcommand("switches", "Current positions of the gateway's switches")->callback([&ctx]() {
-    ctx.run = [](Context& c) {
-      c.result.Set("switches",
-                   Json::Hex(uint32_t(ReadValue(c, "kaVGetCurrentGwSwitches", tamrik_kaVGetCurrentGwSwitches)) & 0xFFFF, 4));
-    };
-  });
-  {
-    auto* cmd = app.add_subcommand("leds", "Set the gateway's LEDs to VALUE (16 bits)");
-    auto value = std::make_shared<std::string>();
-    cmd->add_option("VALUE", *value, "LED pattern, e.g. 0x0102")->required();
-    cmd->callback([&ctx, value]() {
-      ctx.run = [value](Context& c) {
-        int32_t leds = int32_t(ParseNumber(*value, "VALUE", 0, 0xFFFF)), error = 0;
-        Check("kaVSetGatewayLeds", tamrik_kaVSetGatewayLeds(c.Connect().com(), &leds, &error), error);
-        c.result.Set("leds", Json::Hex(uint32_t(ParseNumber(*value, "VALUE", 0, 0xFFFF)), 4));
-      };
-    });
-  }
-  app.add_subcommand("reset", "Hardware reset of the gateway")->callback([&ctx]() {
-    ctx.run = [](Context& c) { RunControl(c, "kaVExecHardwareReset", tamrik_kaVExecHardwareReset, "hardware reset"); };
-  });
-  {
-    auto* cmd = app.add_subcommand("fbi", "Start or reset the gateway's field-bus interface");
-    auto action = std::make_shared<std::string>();
-    cmd->add_option("ACTION", *action, "start or reset")->required()->check(CLI::IsMember({"start", "reset"}));
-    cmd->callback([&ctx, action]() {
-      ctx.run = [action](Context& c) {
-        if (*action == "start") {
-          RunControl(c, "kaVGatewayFbiStart", tamrik_kaVGatewayFbiStart, "field-bus interface started");
-        } else {
-          RunControl(c, "kaVGatewayFbiReset", tamrik_kaVGatewayFbiReset, "field-bus interface reset");
-        }
-      };
-    });
-  }
-  {
-    auto* cmd = app.add_subcommand("tr", "Read (default) or clear the gateway's TR buffer");
-    auto action = std::make_shared<std::string>("read");
-    cmd->add_option("ACTION", *action, "read or clear")->check(CLI::IsMember({"read", "clear"}));
-    cmd->callback([&ctx, action]() {
-      ctx.run = [action](Context& c) {
-        if (*action == "clear") {
-          RunControl(c, "kaVClearTRBuffer", tamrik_kaVClearTRBuffer, "TR buffer cleared");
-          return;
-        }
-        std::vector<int32_t> data(kMaxValues, 0);
-        int32_t count = 0, error = 0;
-        Check("kaVGetTRBuffer", tamrik_kaVGetTRBuffer(c.Connect().com(), data.data(), &count, &error), error);
-        c.result.Set("count", count);
-        c.result.Set("tr_buffer", Json::Bytes(ValuesToBytes(data.data(), std::clamp(count, 0, kMaxValues))));
-      };
-    });
-  }
-  {
-    auto* cmd = app.add_subcommand(
-        "service-baud", "Set the baud rate of the gateway's service interface (9600 to 115200); the line keeps its own");
-    auto rate = std::make_shared<int32_t>(0);
-    cmd->add_option("RATE", *rate, "9600, 19200, 38400, 57600 or 115200")
-        ->required()
-        ->check(CLI::IsMember({9600, 19200, 38400, 57600, 115200}));
-    cmd->callback([&ctx, rate]() {
-      ctx.run = [rate](Context& c) {
-        int32_t value = *rate, error = 0;
-        Check("kaVSetGatewayServiceBaudrate", tamrik_kaVSetGatewayServiceBaudrate(c.Connect().com(), &value, &error),
-              error);
-        c.result.Set("service_baud", *rate);
-      };
-    });
+  for (const WordCommand& command : kWordCommands) {
+    auto* cmd = app.add_subcommand(command.name, command.summary);
+    auto word = std::make_shared<std::string>(command.fallback);
+    auto* option = cmd->add_option(command.word, *word, command.wordHelp);
+    if (command.required) option->required();
+    if (!command.choices.empty()) option->check(CLI::IsMember(command.choices));
+    cmd->callback([&ctx, word, run = command.run]() { ctx.run = [word, run](Context& c) { run(c, *word); }; });
   }
 }
 

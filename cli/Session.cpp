@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -30,15 +29,6 @@ int32_t ComNumber(const std::string& text) {
   }
   const int32_t n = int32_t(std::strtol(digits.c_str(), nullptr, 10));
   return n >= 1 && n <= 255 ? n : 0;
-}
-
-std::string BitsText(const std::array<uint8_t, 32>& table) {
-  std::string text;
-  for (size_t i = 0; i < table.size(); ++i) {
-    if (i) text += ',';
-    text += std::to_string(table[i]);
-  }
-  return text;
 }
 
 bool ParseNumber(const std::string& text, uint32_t* value) {
@@ -102,9 +92,6 @@ std::string ShippedDemoFile() {
   for (const fs::path& candidate : {dir / "kaVdmo.ini", dir / ".." / "share" / "tamrik" / "kaVdmo.ini"}) {
     if (fs::exists(candidate)) return candidate.lexically_normal().string();
   }
-#ifdef TAMRIK_SOURCE_DEMO_FILE
-  if (fs::exists(TAMRIK_SOURCE_DEMO_FILE)) return TAMRIK_SOURCE_DEMO_FILE;
-#endif
   return {};
 }
 
@@ -136,59 +123,110 @@ bool ParseRefusal(const std::string& text, uint16_t* code, sim::Refusal* refusal
   return true;
 }
 
-Session::Session(const LinkOptions& options, Purpose purpose) : baud_(options.baud) {
-  std::string pattern = (fs::temp_directory_path() / "tamrik-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make a private directory");
-  directory_ = pattern;
-  try {
-    privilegedBits_ = options.privilegedBits;
-    if (options.demo) {
-      demo_ = true;
-      const std::string source = options.demo->empty() ? ShippedDemoFile() : *options.demo;
-      if (source.empty() || !fs::exists(source))
-        throw std::runtime_error("no demonstration file " + (source.empty() ? std::string("kaVdmo.ini") : source));
-      // The driver writes outputs, parameters and the operation mode back into its file; a
-      // copy keeps the user's file (and the installed one) as it was.
-      fs::copy_file(source, File("kaVdmo.ini"), fs::copy_options::overwrite_existing);
-      description_ = "demonstration data from " + source;
-    } else if (!options.serial.empty()) {
-      serialPort_ = ComNumber(options.serial);
-      if (serialPort_ == 0) {
-        serialPort_ = 1;
-        serialDevice_ = options.serial;
-      }
-      description_ = "serial " + (serialDevice_.empty() ? "COM" + std::to_string(serialPort_) : serialDevice_) +
-                     " at " + std::to_string(baud_) + " baud";
-    } else if (!options.tcp.empty() || !options.udp.empty()) {
-      const bool udp = options.tcp.empty();
-      std::string error;
-      if (!SplitHostPort(udp ? options.udp : options.tcp, &ethernetHost_, &ethernetPort_, &error))
-        throw std::runtime_error(error);
-      description_ = std::string(udp ? "UDP " : "TCP ") + ethernetHost_ + ":" + ethernetPort_;
-      if (udp) ethernetPort_ += ",UDP";
+bool ParsePrivilegedBits(const std::string& text, std::array<uint8_t, 32>* table, std::string* error) {
+  std::vector<std::string> parts;
+  std::string piece;
+  for (char c : text + ",") {
+    if (c == ',' || c == ' ' || c == '\t') {
+      if (!piece.empty()) parts.push_back(piece);
+      piece.clear();
     } else {
-      StartSimulator(options, purpose);
+      piece += c;
     }
-    WriteConfig(options);
-    com_ = tamrik_create_in(directory_.c_str());
-    if (com_ == nullptr) throw std::runtime_error("the driver object cannot be created");
-  } catch (...) {
-    std::error_code ignored;
-    fs::remove_all(directory_, ignored);
-    throw;
   }
+  if (parts.size() != 32) {
+    *error = "needs 32 numbers, got " + std::to_string(parts.size());
+    return false;
+  }
+  std::array<bool, 32> seen{};
+  for (size_t i = 0; i < parts.size(); ++i) {
+    uint32_t value = 0;
+    if (!ParseNumber(parts[i], &value) || value > 31) {
+      *error = "'" + parts[i] + "' is not a bit number from 0 to 31";
+      return false;
+    }
+    if (seen[value]) {
+      *error = "bit " + std::to_string(value) + " appears twice; the table must name each of 0 to 31 once";
+      return false;
+    }
+    seen[value] = true;
+    (*table)[i] = uint8_t(value);
+  }
+  return true;
+}
+
+Session::Session(const LinkOptions& options, Purpose purpose) : baud_(options.baud) {
+  if (!options.privilegedBits.empty()) {
+    std::array<uint8_t, 32> table{};
+    std::string error;
+    if (!ParsePrivilegedBits(options.privilegedBits, &table, &error)) throw std::runtime_error("--privileged-bits: " + error);
+    privilegedBits_ = table;
+  }
+  ChooseLink(options, purpose);
+  CreateDriver(options);
 }
 
 Session::~Session() {
   if (com_ != nullptr) {
-    int32_t error = 0;
-    if (open_) tamrik_kaVCloseComPort(com_, serialPort_, &error);
+    Close();
     tamrik_release(com_);
   }
   loader_.reset();
   if (sim_) sim_->Stop();
-  std::error_code ignored;
-  fs::remove_all(directory_, ignored);
+}
+
+void Session::ChooseLink(const LinkOptions& options, Purpose purpose) {
+  if (options.demo) {
+    demo_ = true;
+    // The driver keeps what is written (outputs, parameters, operation mode) in this file.
+    demoFile_ = options.demo->empty() ? ShippedDemoFile() : *options.demo;
+    if (demoFile_.empty() || !fs::is_regular_file(demoFile_))
+      throw std::runtime_error("no demonstration file " + (demoFile_.empty() ? std::string("kaVdmo.ini") : demoFile_));
+    description_ = "demonstration data from " + demoFile_;
+  } else if (!options.serial.empty()) {
+    serialPort_ = ComNumber(options.serial);
+    if (serialPort_ == 0) {
+      serialPort_ = 1;
+      serialDevice_ = options.serial;
+    }
+    description_ = "serial " + (serialDevice_.empty() ? "COM" + std::to_string(serialPort_) : serialDevice_) +
+                   " at " + std::to_string(baud_) + " baud";
+  } else if (!options.tcp.empty() || !options.udp.empty()) {
+    const bool udp = options.tcp.empty();
+    std::string error;
+    if (!SplitHostPort(udp ? options.udp : options.tcp, &ethernetHost_, &ethernetPort_, &error))
+      throw std::runtime_error(error);
+    description_ = std::string(udp ? "UDP " : "TCP ") + ethernetHost_ + ":" + ethernetPort_;
+    if (udp) ethernetPort_ += ",UDP";
+  } else {
+    StartSimulator(options, purpose);
+  }
+}
+
+void Session::CreateDriver(const LinkOptions& options) {
+  tamrik_config config;
+  tamrik_config_defaults(&config);
+  config.version = demo_ ? 1 : 0;
+  config.logfile = options.trace ? 1 : 0;
+  config.com_port = serialPort_ > 0 ? serialPort_ : 1;
+  config.baudrate = baud_;
+  config.read_total_constant_fw_ms = options.firmwareTimeoutMs;
+  if (options.timeoutMs) {
+    // One option for every link: the serial read bound, or the socket answer bound.
+    if (serialPort_ > 0) config.read_total_constant_ms = *options.timeoutMs;
+    else config.socket_answer_ms = *options.timeoutMs;
+  }
+  if (options.segmentPauseMs) config.stream_segment_sleep_ms = *options.segmentPauseMs;
+  const tamrik_port port{serialPort_, serialDevice_.c_str()};
+  if (!serialDevice_.empty()) {
+    config.ports = &port;
+    config.port_count = 1;
+  }
+  if (privilegedBits_) std::copy(privilegedBits_->begin(), privilegedBits_->end(), config.privileged_bits);
+  if (demo_) config.demo_file = demoFile_.c_str();
+  if (!options.bootFile.empty()) config.boot_file = options.bootFile.c_str();
+  com_ = tamrik_create_with(&config);
+  if (com_ == nullptr) throw std::runtime_error("the driver object cannot be created");
 }
 
 void Session::StartSimulator(const LinkOptions& options, Purpose purpose) {
@@ -214,7 +252,7 @@ void Session::StartSimulator(const LinkOptions& options, Purpose purpose) {
     station = std::move(*loaded);
   }
   // The driver must answer the simulated gateway's challenge with the gateway's own table.
-  if (privilegedBits_.empty()) privilegedBits_ = BitsText(station.privilegedTable);
+  if (!privilegedBits_) privilegedBits_ = station.privilegedTable;
   sim_ = std::make_unique<sim::Simulator>(std::move(station));
   for (const std::string& text : options.simRefuse) {
     uint16_t code = 0;
@@ -243,21 +281,9 @@ void Session::StartSimulator(const LinkOptions& options, Purpose purpose) {
   }
 }
 
-void Session::WriteConfig(const LinkOptions& options) {
-  std::ofstream out(File("kaVcnf.ini"), std::ios::binary);
-  out << "[Init]\n"
-      << "Version=" << (demo_ ? 1 : 0) << "\n"
-      << "Logfile=" << (options.trace ? 1 : 0) << "\n"
-      << "ComPort=" << (serialPort_ > 0 ? serialPort_ : 1) << "\n"
-      << "Baudrate=" << baud_ << "\n"
-      << "ReadInterval=200\n"
-      << "ReadTotalMultiplier=0\n"
-      << "ReadTotalConstant=" << options.timeoutMs << "\n"
-      << "ReadTotalConstantFW=" << options.firmwareTimeoutMs << "\n";
-  if (options.segmentPauseMs) out << "StreamSegmentSleepTime=" << *options.segmentPauseMs << "\n";
-  if (!serialDevice_.empty()) out << "[Ports]\nCom" << serialPort_ << "=" << serialDevice_ << "\n";
-  if (!privilegedBits_.empty()) out << "[Privileged]\nBits=" << privilegedBits_ << "\n";
-  if (!out) throw std::runtime_error("cannot write " + File("kaVcnf.ini"));
+std::string Session::Peer() const {
+  if (serialPort_ > 0 || demo_) return {};
+  return ethernetHost_ + ":" + ethernetPort_.substr(0, ethernetPort_.find(','));
 }
 
 uint32_t Session::Open() {
@@ -271,6 +297,13 @@ uint32_t Session::Open() {
   }
   if (error == 0 && status == 0) open_ = true;
   return error != 0 ? uint32_t(error) : status;
+}
+
+void Session::Close() {
+  if (!open_) return;
+  int32_t error = 0;
+  tamrik_kaVCloseComPort(com_, serialPort_, &error);
+  open_ = false;
 }
 
 }  // namespace tamrik::cli

@@ -1,5 +1,5 @@
-// One run of the tool against one gateway: a private directory for the driver's profile
-// files, the embedded simulator when no gateway is named, the driver object and its link.
+// One run of the tool against one gateway: the embedded simulator when no gateway is named,
+// the driver object configured in memory, and its link. Nothing is written to disk.
 #pragma once
 
 #include <array>
@@ -27,10 +27,13 @@ struct LinkOptions {
   std::vector<std::string> simRefuse;  // CODE[:base[:byte]]
   bool simLog = false;
   bool trace = false;
-  int32_t timeoutMs = 500;           // serial read time-out in all
-  int32_t firmwareTimeoutMs = 3000;  // the same during downloads
+  // Serial: the read time-out in all; TCP and UDP: how long an answer may take to begin.
+  // Unset: the driver's own default for the link.
+  std::optional<int32_t> timeoutMs;
+  int32_t firmwareTimeoutMs = 3000;  // serial read time-out during downloads
   std::optional<int32_t> segmentPauseMs;  // pause between stream segments
   std::string privilegedBits;        // 32 comma-separated numbers
+  std::string bootFile;              // the boot-file list for boot --ini
 };
 
 // What the link is needed for: the embedded simulator plays a gateway for ordinary services
@@ -48,32 +51,36 @@ class Session {
   tamrik_com* com() const { return com_; }
   // Opens the link; returns the result code (0 when the link needs no opening).
   uint32_t Open();
+  // Closes the link (for a reconnect); Open may follow.
+  void Close();
   // Where the link goes, for a person ("TCP 127.0.0.1:40123 (simulated gateway)").
   const std::string& Describe() const { return description_; }
+  // The peer as HOST:PORT for a TCP or UDP link, else empty.
+  std::string Peer() const;
   bool demonstration() const { return demo_; }
   bool serial() const { return serialPort_ > 0; }
+  bool udp() const { return ethernetPort_.find(",UDP") != std::string::npos; }
   int32_t serialPort() const { return serialPort_; }
   int32_t baud() const { return baud_; }
-  const std::string& directory() const { return directory_; }
-  std::string File(const std::string& name) const { return directory_ + "/" + name; }
 
   // The embedded simulator, when there is one.
   sim::Simulator* simulator() const { return sim_.get(); }
   sim::SimBootLoader* loader() const { return loader_.get(); }
 
  private:
-  void WriteConfig(const LinkOptions& options);
   void StartSimulator(const LinkOptions& options, Purpose purpose);
+  void ChooseLink(const LinkOptions& options, Purpose purpose);
+  void CreateDriver(const LinkOptions& options);
 
-  std::string directory_;
   std::string description_;
   bool demo_ = false;
+  std::string demoFile_;
   int32_t serialPort_ = 0;
   int32_t baud_ = 9600;
   std::string serialDevice_;
   std::string ethernetPort_;  // "PORT" or "PORT,UDP"
   std::string ethernetHost_;
-  std::string privilegedBits_;
+  std::optional<std::array<uint8_t, 32>> privilegedBits_;
   std::unique_ptr<sim::Simulator> sim_;
   std::unique_ptr<sim::SimBootLoader> loader_;
   tamrik_com* com_ = nullptr;
@@ -90,5 +97,8 @@ std::string ShippedDemoFile();
 
 // CODE[:base[:byte]] as the simulator's refusal of a service.
 bool ParseRefusal(const std::string& text, uint16_t* code, sim::Refusal* refusal, std::string* error);
+
+// 32 numbers separated by commas or blanks that are a permutation of 0 to 31.
+bool ParsePrivilegedBits(const std::string& text, std::array<uint8_t, 32>* table, std::string* error);
 
 }  // namespace tamrik::cli

@@ -1,12 +1,61 @@
 #include "Tool.h"
 
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <thread>
 
 namespace tamrik::cli {
+
+Json ErrorObject(uint32_t code) {
+  Json error = Json::Object();
+  error.Set("code", Json::Hex(code, 0));
+  error.Set("name", tamrik_result_name(code));
+  error.Set("text", tamrik_result_text(code));
+  return error;
+}
+
+std::string FormatCode(uint32_t code) {
+  char hex[16];
+  std::snprintf(hex, sizeof hex, "0x%X", code);
+  return std::string(hex) + " " + tamrik_result_name(code) + ": " + tamrik_result_text(code);
+}
+
+std::string LinkText(const LinkOptions& link) {
+  if (!link.tcp.empty()) return "TCP " + link.tcp;
+  if (!link.udp.empty()) return "UDP " + link.udp;
+  if (!link.serial.empty()) return "serial " + link.serial;
+  if (link.demo) return "demonstration data";
+  return "the simulated gateway";
+}
+
+namespace {
+
+// What a failed opening means for a person: the socket family of codes said in words.
+std::string OpenFailure(const Session& session, uint32_t code) {
+  const std::string peer = session.Peer();
+  if (peer.empty() || code < 4000000 || code > 4000000 + 20000) return {};
+  switch (code - 4000000) {
+    case 10061: return peer + " refused the connection";
+    case 10060: return peer + " did not answer the connection in time";
+    case 10051:
+    case 10065: return peer + " cannot be reached";
+    default: return "cannot connect to " + peer;
+  }
+}
+
+}  // namespace
+
+void Context::RequireYes(const std::string& change) const {
+  if (!RealLink() || yes) return;
+  throw UsageError("would " + change + " on " + LinkText(link) + "; nothing was sent. Repeat with --yes to do it");
+}
 
 Session& Context::Connect(Purpose purpose, bool open) {
   if (!session_) {
@@ -22,7 +71,10 @@ Session& Context::Connect(Purpose purpose, bool open) {
     }
     if (open) {
       const uint32_t code = session_->Open();
-      if (code != 0) throw CallFailed(session_->serial() ? "kaVOpenComPort" : "kaVOpenEthernet", code, ResultContext::OpenLink);
+      if (code != 0) {
+        throw CallFailed(session_->serial() ? "kaVOpenComPort" : "kaVOpenEthernet", code,
+                         OpenFailure(*session_, code));
+      }
     }
   }
   return *session_;
@@ -36,9 +88,42 @@ void Context::Say(const std::string& text) const {
 
 bool Context::Interactive() const { return !json && !noProgress && isatty(STDOUT_FILENO) == 1; }
 
-void Check(const char* method, uint32_t status, const int32_t& error, ResultContext context) {
-  if (error != 0) throw CallFailed(method, uint32_t(error), context);
-  if (status != 0) throw CallFailed(method, status, context);
+void Check(const char* method, uint32_t status, const int32_t& error) {
+  if (error != 0) throw CallFailed(method, uint32_t(error));
+  if (status != 0) throw CallFailed(method, status);
+}
+
+std::vector<int32_t> ReceiveValues(const char* method, size_t capacity, const ReceiveCall& call) {
+  std::vector<int32_t> data(std::max<size_t>(capacity, 1), 0);
+  for (int attempt = 0;; ++attempt) {
+    int32_t count = int32_t(capacity), error = 0;
+    const uint32_t status = call(data.data(), &count, &error);
+    // The count now says how much room the answer needed.
+    if (uint32_t(error) == kAnswerTooLong && attempt == 0 && count > int32_t(capacity)) {
+      capacity = size_t(count);
+      data.assign(capacity, 0);
+      continue;
+    }
+    Check(method, status, error);
+    data.resize(size_t(std::clamp<int32_t>(count, 0, int32_t(capacity))));
+    return data;
+  }
+}
+
+std::string ReceiveText(const char* method, size_t capacity, const ReceiveTextCall& call) {
+  std::vector<char> text(capacity + 1, '\0');
+  for (int attempt = 0;; ++attempt) {
+    int32_t count = int32_t(capacity), error = 0;
+    const uint32_t status = call(text.data(), &count, &error);
+    if (uint32_t(error) == kAnswerTooLong && attempt == 0 && count > int32_t(capacity)) {
+      capacity = size_t(count);
+      text.assign(capacity + 1, '\0');
+      continue;
+    }
+    Check(method, status, error);
+    const size_t length = size_t(std::clamp<int32_t>(count, 0, int32_t(capacity)));
+    return std::string(text.data(), strnlen(text.data(), length));
+  }
 }
 
 namespace {
@@ -92,10 +177,10 @@ int64_t ParseNumber(const std::string& text, const char* what, int64_t low, int6
   return value;
 }
 
-std::vector<uint8_t> ValuesToBytes(const int32_t* values, int32_t count) {
+std::vector<uint8_t> ValuesToBytes(const std::vector<int32_t>& values) {
   std::vector<uint8_t> bytes;
-  bytes.reserve(size_t(count > 0 ? count : 0));
-  for (int32_t i = 0; i < count; ++i) bytes.push_back(uint8_t(values[i] & 0xFF));
+  bytes.reserve(values.size());
+  for (int32_t v : values) bytes.push_back(uint8_t(v & 0xFF));
   return bytes;
 }
 
@@ -116,6 +201,43 @@ std::string FormatDuration(int32_t days, int32_t hours, int32_t minutes, int32_t
     std::snprintf(text, sizeof text, "%dd %02d:%02d:%02d", days, hours, minutes, seconds);
   }
   return text;
+}
+
+namespace {
+
+volatile sig_atomic_t gStopRequested = 0;
+int gStoppables = 0;
+struct sigaction gOldInt, gOldTerm;
+
+void OnStopSignal(int) { gStopRequested = 1; }
+
+}  // namespace
+
+Stoppable::Stoppable() {
+  if (gStoppables++ > 0) return;
+  gStopRequested = 0;
+  struct sigaction action {};
+  action.sa_handler = OnStopSignal;
+  sigemptyset(&action.sa_mask);
+  // No SA_RESTART: a wait in the driver ends early, so the stop is seen soon.
+  sigaction(SIGINT, &action, &gOldInt);
+  sigaction(SIGTERM, &action, &gOldTerm);
+}
+
+Stoppable::~Stoppable() {
+  if (--gStoppables > 0) return;
+  sigaction(SIGINT, &gOldInt, nullptr);
+  sigaction(SIGTERM, &gOldTerm, nullptr);
+}
+
+bool Stoppable::Requested() { return gStopRequested != 0; }
+
+void Stoppable::Sleep(int64_t ms) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!Requested() && std::chrono::steady_clock::now() < end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    std::this_thread::sleep_for(std::min(left, std::chrono::milliseconds(20)));
+  }
 }
 
 }  // namespace tamrik::cli

@@ -6,15 +6,28 @@ include(CMakePackageConfigHelpers)
 find_package(CLI11 CONFIG REQUIRED)
 
 # --- tamrik: the command-line tool -----------------------------------------------------------
+# The tool reaches the driver only through the C interface of libtamrik.so; result names
+# come from there too.
 set(TAMRIK_TOOL_SOURCES
-  cli/main.cpp cli/Tool.cpp cli/Session.cpp cli/Json.cpp cli/Progress.cpp
-  cli/CommandsGateway.cpp cli/CommandsData.cpp cli/CommandsDownload.cpp cli/Demo.cpp
-  comserver/ResultNames.cpp)
+  cli/main.cpp cli/Options.cpp cli/Tool.cpp cli/Session.cpp cli/Json.cpp cli/Progress.cpp
+  cli/CommandsGateway.cpp cli/CommandsData.cpp cli/CommandsWatch.cpp cli/CommandsDownload.cpp
+  cli/FileChecks.cpp cli/Manual.cpp cli/Demo.cpp)
 add_executable(tamrik-tool ${TAMRIK_TOOL_SOURCES})
 set_target_properties(tamrik-tool PROPERTIES OUTPUT_NAME tamrik
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-target_include_directories(tamrik-tool PRIVATE cli comserver)
+target_include_directories(tamrik-tool PRIVATE cli)
+target_compile_definitions(tamrik-tool PRIVATE TAMRIK_VERSION="${PROJECT_VERSION}")
 target_link_libraries(tamrik-tool PRIVATE tamrik tamrik_sim CLI11::CLI11)
+
+# The man page and the bash completion are printed by the tool from its own command table.
+set(TAMRIK_MAN_PAGE ${CMAKE_CURRENT_BINARY_DIR}/tamrik.1)
+set(TAMRIK_COMPLETION ${CMAKE_CURRENT_BINARY_DIR}/tamrik.bash)
+add_custom_command(OUTPUT ${TAMRIK_MAN_PAGE} ${TAMRIK_COMPLETION}
+  COMMAND tamrik-tool --man > ${TAMRIK_MAN_PAGE}
+  COMMAND tamrik-tool --completion bash > ${TAMRIK_COMPLETION}
+  DEPENDS tamrik-tool
+  COMMENT "Generating the tamrik man page and bash completion")
+add_custom_target(tamrik-manual ALL DEPENDS ${TAMRIK_MAN_PAGE} ${TAMRIK_COMPLETION})
 # The shipped demonstration station lies beside the tool in the build tree, as it lies in
 # share/tamrik after installation; the tool looks in both places.
 configure_file(examples/kaVdmo.ini ${CMAKE_CURRENT_BINARY_DIR}/kaVdmo.ini COPYONLY)
@@ -24,11 +37,13 @@ if(TARGET tamrik-sim)
 endif()
 
 # Generates the C interface reference from the method table and its hand-written notes.
-add_executable(tamrik-docgen cli/docgen/CapiReference.cpp)
+# It also writes the result code reference from the table of result names.
+add_executable(tamrik-docgen cli/docgen/main.cpp cli/docgen/CapiReference.cpp cli/docgen/ResultCodesPage.cpp
+  comserver/ResultNames.cpp)
 target_include_directories(tamrik-docgen PRIVATE comserver)
 add_custom_target(docs
-  COMMAND tamrik-docgen > ${CMAKE_CURRENT_SOURCE_DIR}/docs/capi.md
-  COMMAND tamrik-tool codes --markdown > ${CMAKE_CURRENT_SOURCE_DIR}/docs/result-codes.md
+  COMMAND tamrik-docgen capi > ${CMAKE_CURRENT_SOURCE_DIR}/docs/capi.md
+  COMMAND tamrik-docgen result-codes > ${CMAKE_CURRENT_SOURCE_DIR}/docs/result-codes.md
   COMMENT "Regenerating docs/capi.md and docs/result-codes.md")
 
 # --- installation ----------------------------------------------------------------------------
@@ -38,6 +53,10 @@ install(TARGETS tamrik EXPORT tamrikTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES comserver/capi/tamrik.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS tamrik-tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# A component of their own, so that they can be installed (and checked) alone.
+install(FILES ${TAMRIK_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool-manual)
+install(FILES ${TAMRIK_COMPLETION} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+  RENAME tamrik COMPONENT tool-manual)
 if(TARGET tamrik-sim)
   set_target_properties(tamrik-sim PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   install(TARGETS tamrik-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -62,17 +81,22 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamrik.pc DESTINATION ${CMAKE_INSTALL_
 if(TAMRIK_BUILD_TESTS)
   # The tool and the simulator program end to end, as subprocesses.
   tamrik_test_program(tamrik_cli_tests cli tamrik_sim)
-  target_sources(tamrik_cli_tests PRIVATE cli/Json.cpp)
+  # The result-code test walks the code table itself against the generated page.
+  target_sources(tamrik_cli_tests PRIVATE cli/Json.cpp comserver/ResultNames.cpp)
   target_include_directories(tamrik_cli_tests PRIVATE cli)
-  add_dependencies(tamrik_cli_tests tamrik-tool tamrik-sim)
+  add_dependencies(tamrik_cli_tests tamrik-tool tamrik-sim tamrik-manual tamrik-docgen)
   target_compile_definitions(tamrik_cli_tests PRIVATE
     TAMRIK_TOOL="$<TARGET_FILE:tamrik-tool>"
     TAMRIK_SIM_PROGRAM="$<TARGET_FILE:tamrik-sim>"
+    TAMRIK_DOCGEN="$<TARGET_FILE:tamrik-docgen>"
+    TAMRIK_CMAKE="${CMAKE_COMMAND}"
+    TAMRIK_BINARY_DIR="${CMAKE_CURRENT_BINARY_DIR}"
+    TAMRIK_VERSION="${PROJECT_VERSION}"
     TAMRIK_SOURCE_DIR="${CMAKE_CURRENT_SOURCE_DIR}")
 
   # docs/ pages generated from the code must match what the code generates now.
   add_test(NAME docs_up_to_date
-    COMMAND ${CMAKE_COMMAND} -DDOCGEN=$<TARGET_FILE:tamrik-docgen> -DTOOL=$<TARGET_FILE:tamrik-tool>
+    COMMAND ${CMAKE_COMMAND} -DDOCGEN=$<TARGET_FILE:tamrik-docgen>
             -DSOURCE_DIR=${CMAKE_CURRENT_SOURCE_DIR} -P ${CMAKE_CURRENT_SOURCE_DIR}/tests/package/CheckDocs.cmake)
 
   # Install into a temporary prefix and build a host program against it both ways.

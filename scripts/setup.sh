@@ -3,7 +3,7 @@
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config libgtest-dev libgmock-dev googletest
           libbenchmark-dev libmodbus-dev libcli11-dev
-          clang libclang-rt-14-dev clang-tidy cppcheck valgrind iproute2)
+          clang libclang-rt-14-dev clang-tidy cppcheck valgrind iproute2 groff-base)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

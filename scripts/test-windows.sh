@@ -222,10 +222,12 @@ w "C:\\tamrik\\tamrik-client.exe" renamed 'C:\renamed\other.dll' "$((demo_versio
 counted_run "a renamed copy of the module reads the profile files beside itself" "$work/renamed.out"
 
 # --- the same calls on Linux and through the module -----------------------------------------------
-start_sim() {  # output file, then simulator arguments; waits for its first line
+start_sim() {  # output file, then simulator arguments; waits up to 5 s for its first whole line
   "$linux/tamrik-sim" "${@:2}" >"$1" 2>&1 &
   sims+=($!)
-  for _ in $(seq 50); do [ -s "$1" ] && break; sleep 0.1; done
+  # A file that is not empty may hold only the start of the line ("tcp 127.0.0.1:35"): only
+  # a line end says that the address is all there.
+  for _ in $(seq 50); do [ "$(wc -l <"$1" 2>/dev/null || echo 0)" -gt 0 ] && break; sleep 0.1; done
 }
 stop_sims() {
   for pid in "${sims[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done

@@ -133,6 +133,7 @@ void SimBootLoader::Process(bool idle) {
           break;
         }
         pending_.erase(pending_.begin(), wake + 1);
+        BeginDownload();
         Send(config_.ident);
         phase_ = Phase::Stage1;
         progress = true;
@@ -144,8 +145,14 @@ void SimBootLoader::Process(bool idle) {
         const int index = phase_ == Phase::Stage1 ? 0 : phase_ == Phase::Stage2 ? 1 : 2;
         const std::optional<size_t> lengths[3] = {config_.stage1Length, config_.stage2Length,
                                                   config_.stage3Length};
+        if (WakeAgain(idle, lengths[index])) {
+          phase_ = Phase::Wake;
+          progress = true;
+          break;
+        }
         std::vector<uint8_t> bytes;
         if (!TakeStage(idle, lengths[index], &bytes)) break;
+        Notify({.kind = BootEvent::Kind::Stage, .stage = index + 1, .bytes = &bytes});
         {
           std::lock_guard lock(mutex_);
           stages_[index] = std::move(bytes);
@@ -184,6 +191,7 @@ void SimBootLoader::Process(bool idle) {
         }
         changed_.notify_all();
         if (valid && header.code == kFirmwareStart) {
+          BeginDownload();
           if (config_.answerStartFrame) {
             const uint16_t code = kFirmwareStart | protocol::kAnswerBit;
             uint8_t answer[protocol::kFrameOverhead] = {protocol::kStartByte, uint8_t(code), uint8_t(code >> 8), 0, 0};
@@ -198,16 +206,17 @@ void SimBootLoader::Process(bool idle) {
       }
       case Phase::Records: {
         if (pending_.empty()) break;
-        // Without stages a new download begins with its start request again.
-        if (!config_.stages && pending_.front() == protocol::kStartByte) {
-          phase_ = Phase::StartFrame;
+        // A new download begins with its start request again, or with the wake byte of the
+        // chain, which no record starts with.
+        const uint8_t nextStart = config_.stages ? kWake : protocol::kStartByte;
+        if (pending_.front() == nextStart) {
+          phase_ = config_.stages ? Phase::Wake : Phase::StartFrame;
           progress = true;
           break;
         }
         if (pending_.front() != kRecordStart) {
-          const auto start = std::find_if(pending_.begin(), pending_.end(), [&](uint8_t b) {
-            return b == kRecordStart || (!config_.stages && b == protocol::kStartByte);
-          });
+          const auto start = std::find_if(pending_.begin(), pending_.end(),
+                                          [&](uint8_t b) { return b == kRecordStart || b == nextStart; });
           {
             std::lock_guard lock(mutex_);
             stray_.insert(stray_.end(), pending_.begin(), start);
@@ -219,17 +228,46 @@ void SimBootLoader::Process(bool idle) {
         if (!idle) break;
         uint8_t answer = config_.recordAnswer;
         if (answerIndex_ < config_.recordAnswers.size()) answer = config_.recordAnswers[answerIndex_++];
+        std::vector<uint8_t> record;
+        record.swap(pending_);
         {
           std::lock_guard lock(mutex_);
-          records_.push_back(pending_);
+          records_.push_back(record);
         }
-        pending_.clear();
         changed_.notify_all();
+        Notify({.kind = BootEvent::Kind::Record, .record = ++downloadRecords_, .bytes = &record});
         Send(answer);
         break;
       }
     }
   }
+}
+
+// A host that gave up half-way starts over with the wake byte, while the loader still waits
+// for the rest of a stage. A lone zero byte followed by quiet is no loader stage, so it is
+// taken as that new start; a stage counted as one byte long keeps it.
+bool SimBootLoader::WakeAgain(bool idle, std::optional<size_t> stageLength) const {
+  return idle && pending_.size() == 1 && pending_[0] == kWake && stageLength.value_or(0) != 1;
+}
+
+void SimBootLoader::BeginDownload() {
+  downloadRecords_ = 0;
+  {
+    std::lock_guard lock(mutex_);
+    ++downloads_;
+    for (auto& stage : stages_) stage.reset();
+  }
+  changed_.notify_all();
+  Notify({.kind = BootEvent::Kind::Download});
+}
+
+void SimBootLoader::Notify(BootEvent event) {
+  if (!config_.observer) return;
+  {
+    std::lock_guard lock(mutex_);
+    event.download = downloads_;
+  }
+  config_.observer(event);
 }
 
 void SimBootLoader::Send(uint8_t byte) { SendBytes(&byte, 1); }
@@ -253,6 +291,11 @@ void SimBootLoader::SendBytes(const uint8_t* bytes, size_t length) {
 size_t SimBootLoader::WakeBytes() const {
   std::lock_guard lock(mutex_);
   return wakeBytes_;
+}
+
+size_t SimBootLoader::Downloads() const {
+  std::lock_guard lock(mutex_);
+  return downloads_;
 }
 
 std::optional<std::vector<uint8_t>> SimBootLoader::Stage(int stage) const {

@@ -1,13 +1,15 @@
 // A gateway's boot loader as the download methods meet it, on a pseudo-terminal of its own:
 // the wake byte and identification, the three loader stages, the ready character and one
-// answer character per firmware record. Everything it receives is kept, so that a test can
-// compare what arrived with the files it gave the driver.
+// answer character per firmware record. It serves any number of downloads in a row, as a
+// loader that is reset between them would. Everything it receives is kept, so that a test
+// can compare what arrived with the files it gave the driver.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -15,6 +17,16 @@
 #include <vector>
 
 namespace tamrik::sim {
+
+// One step of the dialogue, handed to the observer before the loader answers it.
+struct BootEvent {
+  enum class Kind { Download, Stage, Record };
+  Kind kind = Kind::Download;
+  size_t download = 0;  // 1 for the first download the loader served
+  int stage = 0;        // Stage: 1 to 3
+  size_t record = 0;    // Record: 1 for the first record of this download
+  const std::vector<uint8_t>* bytes = nullptr;  // Stage, Record: what arrived
+};
 
 struct BootLoaderConfig {
   // With stages: the whole chain (wake byte, stages 1 to 3, records). Without: the firmware
@@ -44,6 +56,11 @@ struct BootLoaderConfig {
   // A record is sent without a line end and may hold the byte ':' itself, so it ends only
   // when the line has been idle this long (the driver waits for the answer before it goes on).
   std::chrono::milliseconds idleGap{20};
+
+  // Called on the loader's thread for each event, before the answer to it goes out: whatever
+  // it writes is there by the time the host has the answer. It must not throw, and it holds
+  // the dialogue up for as long as it runs.
+  std::function<void(const BootEvent&)> observer;
 };
 
 class SimBootLoader {
@@ -59,8 +76,9 @@ class SimBootLoader {
 
   // What has arrived so far.
   size_t WakeBytes() const;                            // 0x00 bytes taken as wake-up
-  std::optional<std::vector<uint8_t>> Stage(int stage) const;  // 1 to 3, once complete
-  std::vector<std::vector<uint8_t>> Records() const;   // every record, repetitions included
+  size_t Downloads() const;                            // downloads begun (wake byte or start request)
+  std::optional<std::vector<uint8_t>> Stage(int stage) const;  // 1 to 3 of the latest download, once complete
+  std::vector<std::vector<uint8_t>> Records() const;   // every record of every download, repetitions included
   std::vector<std::vector<uint8_t>> Frames() const;    // request frames (records-only mode)
   std::vector<uint8_t> Stray() const;                  // bytes that fit nowhere in the dialogue
 
@@ -74,6 +92,9 @@ class SimBootLoader {
   void Run();
   void Process(bool idle);
   bool TakeStage(bool idle, std::optional<size_t> length, std::vector<uint8_t>* out);
+  bool WakeAgain(bool idle, std::optional<size_t> stageLength) const;
+  void BeginDownload();
+  void Notify(BootEvent event);
   void Send(uint8_t byte);
   void SendBytes(const uint8_t* bytes, size_t length);
 
@@ -83,14 +104,16 @@ class SimBootLoader {
   int wakePipe_[2] = {-1, -1};
   std::string slavePath_;
 
-  // Only the loader's thread touches these two.
+  // Only the loader's thread touches these.
   Phase phase_ = Phase::Wake;
   std::vector<uint8_t> pending_;
   size_t answerIndex_ = 0;
+  size_t downloadRecords_ = 0;  // records of the current download
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   size_t wakeBytes_ = 0;
+  size_t downloads_ = 0;
   std::optional<std::vector<uint8_t>> stages_[3];
   std::vector<std::vector<uint8_t>> records_;
   std::vector<std::vector<uint8_t>> frames_;

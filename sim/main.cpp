@@ -2,6 +2,7 @@
 // loopback TCP, UDP or a pseudo-terminal from a station model, can be told to answer badly,
 // and can play the gateway's boot loader for the firmware downloads. Runs until SIGINT or
 // SIGTERM.
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,19 +13,38 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <fstream>
+#include <cstring>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "ProgramDocs.h"
 #include "SimBootLoader.h"
 #include "SimStation.h"
 #include "Simulator.h"
 
 namespace {
 
+using tamrik::sim::BootEvent;
 using tamrik::sim::Refusal;
+
+constexpr const char* kProgram = "tamrik-sim";
+
+// Every message starts with the program's name, also the lines of a message that has several.
+void Message(const std::string& text) {
+  std::string out;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) out += std::string(kProgram) + ": " + line + "\n";
+  std::fputs(out.c_str(), stderr);
+}
+
+int UsageMistake(const std::string& text) {
+  Message(text);
+  Message(std::string("see '") + kProgram + " --help' for the options");
+  return 2;
+}
 
 bool ParseUnsigned(const std::string& text, uint32_t* value) {
   if (text.empty()) return false;
@@ -66,35 +86,112 @@ bool ParseRefusal(const std::string& text, uint16_t* code, Refusal* refusal, std
   return true;
 }
 
-// The records as a firmware line file: ':' and the record bytes as upper-case digit pairs.
-void WriteRecords(const std::string& path, const std::vector<std::vector<uint8_t>>& records) {
-  const std::string temporary = path + ".part";
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    char pair[3];
-    for (const auto& record : records) {
-      out << ':';
-      for (size_t i = record.empty() || record[0] != ':' ? 0 : 1; i < record.size(); ++i) {
-        std::snprintf(pair, sizeof pair, "%02X", record[i]);
-        out << pair;
-      }
-      out << '\n';
+// One record as a line of a firmware line file: ':' and its bytes as upper-case digit pairs.
+std::string RecordLine(const std::vector<uint8_t>& record) {
+  std::string line = ":";
+  char pair[3];
+  for (size_t i = record.empty() || record[0] != ':' ? 0 : 1; i < record.size(); ++i) {
+    std::snprintf(pair, sizeof pair, "%02X", record[i]);
+    line += pair;
+  }
+  return line + "\n";
+}
+
+// What the boot loader hears, for the records file and the log. The loader calls Observe on
+// its own thread before it answers, so the records file holds a record before the host has
+// its answer: a host that reads the file once its last answer came finds every record. Log
+// lines wait for the main thread, so that a slow reader of the output never holds an
+// answer back.
+class BootOutput {
+ public:
+  BootOutput(std::string recordsPath, bool log) : recordsPath_(std::move(recordsPath)), log_(log) {}
+  ~BootOutput() { CloseRecords(); }
+  BootOutput(const BootOutput&) = delete;
+  BootOutput& operator=(const BootOutput&) = delete;
+
+  // Empties the records file, or makes it; false with a message when it cannot be written.
+  bool StartRecords() {
+    CloseRecords();
+    recordsFd_ = ::open(recordsPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (recordsFd_ < 0) Message("cannot write the records file " + recordsPath_ + ": " + std::strerror(errno));
+    return recordsFd_ >= 0;
+  }
+
+  void Observe(const BootEvent& event) {
+    switch (event.kind) {
+      case BootEvent::Kind::Download:
+        // Opened anew for each download, so that the file holds that download's records and
+        // comes back when the host removed it in between.
+        if (!recordsPath_.empty()) StartRecords();
+        Log("download " + std::to_string(event.download));
+        break;
+      case BootEvent::Kind::Stage:
+        Log("stage " + std::to_string(event.stage) + ": " + std::to_string(event.bytes->size()) + " bytes");
+        break;
+      case BootEvent::Kind::Record:
+        AppendRecord(*event.bytes);
+        Log("record " + std::to_string(event.record) + ": " + std::to_string(event.bytes->size()) + " bytes");
+        break;
     }
   }
-  // Readers never see half a file.
-  std::error_code ignored;
-  std::filesystem::rename(temporary, path, ignored);
-}
+
+  void PrintLog() {
+    std::vector<std::string> lines;
+    {
+      std::lock_guard lock(mutex_);
+      lines.swap(lines_);
+    }
+    for (const std::string& line : lines) std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  }
+
+ private:
+  void AppendRecord(const std::vector<uint8_t>& record) {
+    if (recordsFd_ < 0) return;
+    const std::string line = RecordLine(record);
+    size_t written = 0;
+    while (written < line.size()) {
+      const ssize_t n = ::write(recordsFd_, line.data() + written, line.size() - written);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        Message("cannot write the records file " + recordsPath_ + ": " + std::strerror(errno));
+        CloseRecords();
+        return;
+      }
+      written += size_t(n);
+    }
+  }
+
+  void CloseRecords() {
+    if (recordsFd_ >= 0) ::close(recordsFd_);
+    recordsFd_ = -1;
+  }
+
+  void Log(std::string line) {
+    if (!log_) return;
+    std::lock_guard lock(mutex_);
+    lines_.push_back(std::move(line));
+  }
+
+  const std::string recordsPath_;
+  const bool log_;
+  int recordsFd_ = -1;
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
 
 int ServeBootLoader(const std::string& mode, bool withoutSetCtx, const std::string& link, const std::string& recordsOut,
                     bool log, sigset_t* stopSignals) {
+  BootOutput output(recordsOut, log);
+  if (!recordsOut.empty() && !output.StartRecords()) return 1;
   tamrik::sim::BootLoaderConfig config;
   config.stages = mode != "lines";
   // Without its SetCtx file the chain goes from stage 1 straight to stage 3.
   config.stage2 = !withoutSetCtx;
+  config.observer = [&output](const BootEvent& event) { output.Observe(event); };
   tamrik::sim::SimBootLoader loader(config);
   if (!loader.ok()) {
-    std::fprintf(stderr, "tamrik-sim: no pseudo-terminal for the boot loader\n");
+    Message("no pseudo-terminal for the boot loader");
     return 1;
   }
   if (!link.empty()) {
@@ -102,7 +199,7 @@ int ServeBootLoader(const std::string& mode, bool withoutSetCtx, const std::stri
     if (std::filesystem::is_symlink(link, ec)) std::filesystem::remove(link, ec);
     std::filesystem::create_symlink(loader.slavePath(), link, ec);
     if (ec) {
-      std::fprintf(stderr, "tamrik-sim: cannot make the link %s: %s\n", link.c_str(), ec.message().c_str());
+      Message("cannot make the link " + link + ": " + ec.message());
       return 1;
     }
   }
@@ -110,27 +207,10 @@ int ServeBootLoader(const std::string& mode, bool withoutSetCtx, const std::stri
               link.empty() ? "" : " link ", link.c_str());
   std::fflush(stdout);
 
-  bool stageSeen[3] = {false, false, false};
-  size_t recordsSeen = 0;
-  timespec tick{0, 100 * 1000 * 1000};
+  const timespec tick{0, 50 * 1000 * 1000};
   while (true) {
     const int sig = sigtimedwait(stopSignals, nullptr, &tick);
-    // What arrived since the last look: logged, and the records file kept up to date.
-    for (int stage = 1; stage <= 3; ++stage) {
-      const auto bytes = loader.Stage(stage);
-      if (!bytes || stageSeen[stage - 1]) continue;
-      stageSeen[stage - 1] = true;
-      if (log) std::printf("stage %d: %zu bytes\n", stage, bytes->size());
-    }
-    const auto records = loader.Records();
-    if (records.size() != recordsSeen) {
-      if (log) {
-        for (size_t i = recordsSeen; i < records.size(); ++i) std::printf("record %zu: %zu bytes\n", i + 1, records[i].size());
-      }
-      recordsSeen = records.size();
-      if (!recordsOut.empty()) WriteRecords(recordsOut, records);
-    }
-    std::fflush(stdout);
+    output.PrintLog();
     if (sig == SIGINT || sig == SIGTERM) break;
   }
   if (!link.empty()) {
@@ -138,6 +218,48 @@ int ServeBootLoader(const std::string& mode, bool withoutSetCtx, const std::stri
     std::filesystem::remove(link, ignored);
   }
   return 0;
+}
+
+// What the manual page says beyond the option table.
+tamrik::progdocs::ManPage ManPage() {
+  tamrik::progdocs::ManPage page;
+  page.name = kProgram;
+  page.summary = "a simulated field-bus gateway for the tamrik driver and tool";
+  page.source = std::string("tamrik ") + TAMRIK_VERSION;
+  page.synopsis = {"[--tcp PORT] [--udp PORT] [--pty [--link PATH]] [--model FILE] [--log] [faults...]",
+                   "--boot [chain|lines] [--no-setctx] [--link PATH] [--records-out FILE] [--log]",
+                   "--version | --help"};
+  page.sections = {
+      {"OUTPUT",
+       "One line per link, then one line per request served with --log:\n"
+       "  tcp 127.0.0.1:5020\n"
+       "  udp 127.0.0.1:41977\n"
+       "  pty /dev/pts/4 link /tmp/gateway\n"
+       "\n"
+       "With --boot one line names the loader's pseudo-terminal (boot chain /dev/pts/N, or boot lines ...); "
+       "with --log one line follows per download, stage and record (download 2, stage 1: 200 bytes, "
+       "record 3: 21 bytes)."},
+      {"BOOT LOADER",
+       "The loader serves any number of downloads in a row: a chain starts again with its wake byte, a line "
+       "download with its start request. The records file holds the records of the latest download as a "
+       "firmware line file, each record written before the loader answers it, so a host that reads the "
+       "file after its last answer finds every record."},
+      {"EXIT STATUS",
+       "0\tstopped by SIGINT or SIGTERM; --help, --version\n"
+       "1\ta failure: a station model with a mistake, no pseudo-terminal, a link or file that cannot be made\n"
+       "2\ta usage mistake: an unknown option, a missing or bad value, options that do not go together"},
+      {"EXAMPLES",
+       "  tamrik-sim --tcp 5020 --log &\n"
+       "  tamrik --tcp 127.0.0.1:5020 inputs\n"
+       "\n"
+       "  tamrik-sim --pty --link /tmp/slow-gw --pace 9600 --delay 50\n"
+       "\n"
+       "  tamrik-sim --boot lines --link /tmp/loader --records-out /tmp/got.hex &\n"
+       "  tamrik --serial /tmp/loader firmware fw.hex\n"
+       "  cmp <(grep : fw.hex) /tmp/got.hex"},
+      {"SEE ALSO", "tamrik(1); docs/simulator.md in the sources, which also describes the station model files."},
+  };
+  return page;
 }
 
 }  // namespace
@@ -157,6 +279,8 @@ static int Run(int argc, char** argv) {
   std::optional<uint32_t> truncate;
   bool silence = false, drop = false;
   std::vector<std::string> refusals;
+  bool manPage = false;
+  std::string completionShell;
 
   app.add_option("--tcp", tcp, "Listen for TCP on 127.0.0.1:PORT (0: a free port)")->type_name("PORT")->group("Links");
   app.add_option("--udp", udp, "Receive UDP on 127.0.0.1:PORT (0: a free port)")->type_name("PORT")->group("Links");
@@ -196,31 +320,42 @@ static int Run(int argc, char** argv) {
                    ->group("Boot loader");
   app.add_flag("--no-setctx", withoutSetCtx, "The chain has no SetCtx stage: stage 3 follows stage 1")
       ->group("Boot loader");
-  app.add_option("--records-out", recordsOut, "Write the firmware records received to FILE, one line each")
+  app.add_option("--records-out", recordsOut, "Keep FILE as the latest download's records, one line each, each one written before it is answered")
       ->type_name("FILE")
       ->group("Boot loader");
+
+  app.set_version_flag("--version", std::string(kProgram) + " " + TAMRIK_VERSION, "Print the version and exit");
+  // For the build, which installs what they print: the manual page and the bash completion,
+  // both made from the options above.
+  app.add_flag("--man", manPage)->group("");
+  app.add_option("--completion", completionShell)->group("");
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? 0 : 2;
+    // --help and --version end here too, with status 0.
+    if (e.get_exit_code() == 0) return app.exit(e);
+    return UsageMistake(e.what());
+  }
+  if (manPage) {
+    std::fputs(tamrik::progdocs::RoffManPage(app, ManPage()).c_str(), stdout);
+    return 0;
+  }
+  if (!completionShell.empty()) {
+    if (completionShell != "bash") return UsageMistake("--completion knows bash only");
+    std::fputs(tamrik::progdocs::BashCompletion(app, kProgram).c_str(), stdout);
+    return 0;
   }
   if (!bootMode.empty() && bootMode != "chain" && bootMode != "lines") {
-    std::fprintf(stderr, "tamrik-sim: --boot takes chain or lines\n");
-    return 2;
+    return UsageMistake("--boot takes chain or lines, not '" + bootMode + "'");
   }
   if (boot->count() > 0 && (tcp || udp || pty)) {
-    std::fprintf(stderr, "tamrik-sim: --boot serves a pseudo-terminal of its own; no other link goes with it\n");
-    return 2;
+    return UsageMistake("--boot serves a pseudo-terminal of its own; no other link goes with it");
   }
   if ((!recordsOut.empty() || withoutSetCtx) && boot->count() == 0) {
-    std::fprintf(stderr, "tamrik-sim: --records-out and --no-setctx need --boot\n");
-    return 2;
+    return UsageMistake("--records-out and --no-setctx need --boot");
   }
-  if (!link.empty() && !pty && boot->count() == 0) {
-    std::fprintf(stderr, "tamrik-sim: --link needs --pty or --boot\n");
-    return 2;
-  }
+  if (!link.empty() && !pty && boot->count() == 0) return UsageMistake("--link needs --pty or --boot");
 
   // Block the stop signals before any thread starts, so that only the main thread takes them.
   sigset_t stopSignals;
@@ -237,7 +372,7 @@ static int Run(int argc, char** argv) {
     std::string error;
     auto loaded = tamrik::sim::LoadStationFile(model, &error);
     if (!loaded) {
-      std::fprintf(stderr, "tamrik-sim: %s\n", error.c_str());
+      Message(error);
       return 1;
     }
     station = std::move(*loaded);
@@ -250,10 +385,7 @@ static int Run(int argc, char** argv) {
       uint16_t code = 0;
       Refusal refusal;
       std::string error;
-      if (!ParseRefusal(text, &code, &refusal, &error)) {
-        std::fprintf(stderr, "tamrik-sim: %s\n", error.c_str());
-        return 2;
-      }
+      if (!ParseRefusal(text, &code, &refusal, &error)) return UsageMistake(error);
       sim.RefuseService(code, refusal);
     }
     sim.SetNoise(noise);
@@ -282,7 +414,7 @@ static int Run(int argc, char** argv) {
     sigwait(&stopSignals, &sig);
     sim.Stop();
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "tamrik-sim: %s\n", e.what());
+    Message(e.what());
     return 1;
   }
   return 0;
@@ -294,9 +426,9 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "tamrik-sim: %s\n", e.what());
+    Message(e.what());
   } catch (...) {
-    std::fprintf(stderr, "tamrik-sim: unexpected failure\n");
+    Message("unexpected failure");
   }
   return 1;
 }

@@ -55,10 +55,10 @@ const Note kNotes[] = {
    "0x10015 when nothing was open. Return value 0.",
    "tamrik_kaVCloseComPort(com, 0, &err);"},
   {"kaVGetProcessInData", "3", kBusy,
-   "Reads the input process image: one byte per value into `plData`, their number into `*plSizeOfData` (the count on entry is not used; the array must "
-   "hold the whole image). Demonstration mode: bit strings `Modi<n>` of kaVdmo.ini (`Mode`=1), or a counter and a walking bit that move at every call (`Mode`=2).",
+   "Reads the input process image: one byte per value into `plData`, their number into `*plSizeOfData` (the count on entry is the array's capacity; "
+   "an image that does not fit fails with 0x10053 and the count tells its size). Demonstration mode: bit strings `Modi<n>` of kaVdmo.ini (`Mode`=1), or a counter and a walking bit that move at every call (`Mode`=2).",
    nullptr,
-   "int32_t in[512], n = 0;\nif (tamrik_kaVGetProcessInData(com, in, &n, &err) == 0 && err == 0)\n    for (int i = 0; i < n; ++i) printf(\"%02X \", in[i]);"},
+   "int32_t in[512], n = 512;  /* capacity in, count out */\nif (tamrik_kaVGetProcessInData(com, in, &n, &err) == 0 && err == 0)\n    for (int i = 0; i < n; ++i) printf(\"%02X \", in[i]);"},
   {"kaVSetProcessOutData", "5", kBusy,
    "Writes the output process image: the low byte of each of the first `*plSizeOfData` values. The gateway's answer (the image as it took it) replaces "
    "`plData` and `*plSizeOfData`. Demonstration mode: the bytes are written into the bit strings `Modo<n>` of the run's kaVdmo.ini.",
@@ -67,11 +67,11 @@ const Note kNotes[] = {
   {"kaVGetProcessOutData", "4", kBusy,
    "Reads the output process image back, one byte per value; count in `*plSizeOfData`. Demonstration mode: bit strings `Modo<n>`.",
    nullptr,
-   "int32_t out[512], n = 0;\ntamrik_kaVGetProcessOutData(com, out, &n, &err);"},
+   "int32_t out[512], n = 512;\ntamrik_kaVGetProcessOutData(com, out, &n, &err);"},
   {"kaVGetParameterData", "6", kBusy,
    "Reads the module parameters, one byte per value; count in `*plSizeOfData`. Demonstration mode: bit strings `Param0` to `Param<ModNum-1>`.",
    nullptr,
-   "int32_t p[512], n = 0;\ntamrik_kaVGetParameterData(com, p, &n, &err);"},
+   "int32_t p[512], n = 512;\ntamrik_kaVGetParameterData(com, p, &n, &err);"},
   {"kaVSetParameterData", "7", kBusy,
    "Writes the module parameters: the low byte of each of the first `*plSizeOfData` values; the answer replaces `plData` and the count. "
    "Demonstration mode: written into `Param<n>`.",
@@ -81,7 +81,7 @@ const Note kNotes[] = {
    "Reads the diagnosis: the gateway's own bytes, then each module's, one byte per value; count in `*plSizeOfData`. With `Logfile`=1 the bytes are also "
    "split by the module layout of the last live `kaVGetModuleList` into section `[DiagList]` of kaVcnf.ini. Demonstration mode: `Diag0` to `Diag<ModNum>`.",
    nullptr,
-   "int32_t d[512], n = 0;\ntamrik_kaVGetDiagData(com, d, &n, &err);"},
+   "int32_t d[512], n = 512;\ntamrik_kaVGetDiagData(com, d, &n, &err);"},
   {"kaVGetModuleList", "1", kExchange,
    "Reads the identifiers of the station's modules, one 24-bit identifier per value; count in `*plSizeOfData`. In demonstration mode the count on entry "
    "is the capacity and the identifiers come from `ModNum` and `ModId<n>` (six hexadecimal digits each). With `Logfile`=1 the module layout is recorded "
@@ -93,10 +93,10 @@ const Note kNotes[] = {
    "None; returns 0 and leaves `*plError` as it was.",
    "tamrik_kaVControll(com, &demo, &log, &err);  /* no effect */"},
   {"kaVGetGatewayIdSring", "256", kExchange,
-   "Reads the gateway's identity text into `psDataa` without a terminating zero; `*plSizeOfData` becomes the number of characters (at most 200, so the "
-   "buffer must hold 200 bytes). Demonstration mode: key `GWIdString`, read with the count on entry as the buffer size.",
+   "Reads the gateway's identity text into `psDataa` without a terminating zero; `*plSizeOfData` becomes the number of characters (at most 200; the "
+   "count on entry is the buffer's capacity). Demonstration mode: key `GWIdString`.",
    nullptr,
-   "char id[201] = {0};\nint32_t n = 200;\nif (tamrik_kaVGetGatewayIdSring(com, id, &n, &err) == 0 && err == 0)\n    printf(\"%.*s\\n\", n, id);"},
+   "char id[200];\nint32_t n = sizeof id;\nif (tamrik_kaVGetGatewayIdSring(com, id, &n, &err) == 0 && err == 0)\n    printf(\"%.*s\\n\", n, id);"},
   {"kaVGetGatewayVersion", "257", kExchange,
    "Reads the gateway's 16-bit version into the low 16 bits of `*plData`; the upper 16 bits keep what the caller put there. Demonstration mode: `GWVersion`.",
    nullptr,
@@ -104,7 +104,7 @@ const Note kNotes[] = {
   {"kaVGetGatewayBootFunctionIdString", "258", kExchange,
    "Reads the boot loader's identity text, as `kaVGetGatewayIdSring`. Demonstration mode: `GWBootID`.",
    nullptr,
-   "char id[201];\nint32_t n = 200;\ntamrik_kaVGetGatewayBootFunctionIdString(com, id, &n, &err);"},
+   "char id[200];\nint32_t n = sizeof id;\ntamrik_kaVGetGatewayBootFunctionIdString(com, id, &n, &err);"},
   {"kaVGetGatewayBootVersion", "259", kExchange,
    "Reads the boot loader's 16-bit version into the low 16 bits of `*plData`. Demonstration mode: `GWBootVersion`.",
    nullptr,
@@ -129,7 +129,7 @@ const Note kNotes[] = {
   {"kaVGetGatewayVersionString", "265", kExchange,
    "Reads the gateway's version text, as `kaVGetGatewayIdSring`. Demonstration mode: `GWVersionString`.",
    nullptr,
-   "char text[201];\nint32_t n = 200;\ntamrik_kaVGetGatewayVersionString(com, text, &n, &err);"},
+   "char text[200];\nint32_t n = sizeof text;\ntamrik_kaVGetGatewayVersionString(com, text, &n, &err);"},
   {"kaVGetGatewayErrorList", "260", kExchange,
    "Reads the error list. `*plSizeOfErrBuf` is the capacity of `plErrorData` in values; it is cleared, then one record per entry is written back to back: "
    "record size (7 + extra bytes), error code, days, hours, minutes, seconds, milliseconds of the error's duration, then its extra bytes. `*plEntrys` "
@@ -176,7 +176,7 @@ const Note kNotes[] = {
   {"kaVGetModuleStreamDataSizeList", "15", kExchange,
    "Reads the list of module stream data sizes, one byte per value; count in `*plSizeOfData`. Demonstration mode: nothing; the count stays as it was.",
    nullptr,
-   "int32_t sizes[256], n = 0;\ntamrik_kaVGetModuleStreamDataSizeList(com, sizes, &n, &err);"},
+   "int32_t sizes[256], n = 256;\ntamrik_kaVGetModuleStreamDataSizeList(com, sizes, &n, &err);"},
   {"kaVSetModuleStreamDataPosition", "17", kExchange,
    "Sets the stream position: sends the low bytes of `plData[0]` and `plData[1]`; answer bytes, if any, land in `plData`.",
    nullptr,
@@ -224,14 +224,14 @@ const Note kNotes[] = {
   {"kaVGetTRBuffer", "22", kBusy,
    "Reads the gateway's TR buffer, one byte per value; count in `*plSizeOfData`. Demonstration mode: nothing.",
    nullptr,
-   "int32_t tr[1024], n = 0;\ntamrik_kaVGetTRBuffer(com, tr, &n, &err);"},
+   "int32_t tr[1024], n = 1024;\ntamrik_kaVGetTRBuffer(com, tr, &n, &err);"},
   {"kaVClearTRBuffer", "21", kExchange,
    "Clears the gateway's TR buffer. Demonstration mode: nothing is sent.", nullptr,
    "tamrik_kaVClearTRBuffer(com, &err);"},
   {"kaVGetVersion", nullptr, kLocal,
    "Copies the driver's version text, the 11 characters \"1.0 B2.1.38\", into `psVersion` without a terminating zero and sets `*plSizeOfData` to 11.",
    "None; `*plError` is not written.",
-   "char v[12] = {0};\nint32_t n = 0;\ntamrik_kaVGetVersion(com, v, &n, &err);"},
+   "char v[16];\nint32_t n = sizeof v;\ntamrik_kaVGetVersion(com, v, &n, &err);"},
   {"kaVSrvMbResetMonitoring", "23", kExchange, "Resets the gateway's service monitoring.", nullptr,
    "tamrik_kaVSrvMbResetMonitoring(com, &err);"},
   {"kaVSrvMbStartMonitoring", "24", kExchange, "Starts the service monitoring: the gateway records the services it serves.", nullptr,
@@ -242,7 +242,7 @@ const Note kNotes[] = {
    "Fetches the first recorded monitoring frame. Sends the first `*plSizeOfData` values of `plData` as request bytes (often none); the frame's bytes replace "
    "them, one per value, and their number `*plSizeOfData`.",
    nullptr,
-   "int32_t frame[1024], n = 0;\ntamrik_kaVSrvGetFirstDataFrame(com, frame, &n, &err);"},
+   "int32_t frame[1024], n = 0;  /* sends n values, takes at most n back: 0x10053 tells the length of a longer frame */\ntamrik_kaVSrvGetFirstDataFrame(com, frame, &n, &err);"},
   {"kaVSrvGetNextDataFrame", "27", kReturnsCode,
    "Fetches the next recorded monitoring frame, as `kaVSrvGetFirstDataFrame`.",
    nullptr,
@@ -263,7 +263,7 @@ const Note kNotes[] = {
   {"kaVSrvDNetGetEEPToolIdent", "2308", kExchange,
    "Reads the DeviceNet tool identification text into `psIdentName` (at most 200 characters, no terminating zero); its length into `*plSizeOfData`.",
    nullptr,
-   "char name[201];\nint32_t n = 0;\ntamrik_kaVSrvDNetGetEEPToolIdent(com, name, &n, &err);"},
+   "char name[200];\nint32_t n = sizeof name;\ntamrik_kaVSrvDNetGetEEPToolIdent(com, name, &n, &err);"},
   {"kaVSrvDNetGetClassInstAttr", "2322", kReturnsCode,
    "Reads a DeviceNet attribute: sends the first `*plSizeOfData` values of `plData` (class, instance, attribute as the gateway expects them); the answer's "
    "bytes replace them, count in `*plSizeOfData`.",
@@ -284,16 +284,16 @@ const Note kNotes[] = {
   {"kaVGetModuleSWRev", "18", kExchange,
    "Reads the modules' software revisions, one byte per value; count in `*plSizeOfData`. Demonstration mode: nothing; the count stays as it was.",
    nullptr,
-   "int32_t rev[256], n = 0;\ntamrik_kaVGetModuleSWRev(com, rev, &n, &err);"},
+   "int32_t rev[256], n = 256;\ntamrik_kaVGetModuleSWRev(com, rev, &n, &err);"},
   {"kaVGetModuleTyp", "19", kExchange,
    "Reads the modules' type codes, one byte per value; count in `*plSizeOfData`. Demonstration mode: nothing.",
    nullptr,
-   "int32_t type[256], n = 0;\ntamrik_kaVGetModuleTyp(com, type, &n, &err);"},
+   "int32_t type[256], n = 256;\ntamrik_kaVGetModuleTyp(com, type, &n, &err);"},
   {"kavGetBootFctsHwInfo", "276", kExchange,
    "Reads the boot loader's hardware information: the answer taken in 16-bit words (first byte lowest), one word per value. `*plSizeOfData` becomes the "
    "number of bytes, twice the number of words. Demonstration mode: nothing.",
    nullptr,
-   "int32_t words[256], bytes = 0;\ntamrik_kavGetBootFctsHwInfo(com, words, &bytes, &err);\nfor (int i = 0; i < bytes / 2; ++i) printf(\"%04X\\n\", words[i]);"},
+   "int32_t words[256], bytes = 256;  /* capacity in words, count back in bytes */\ntamrik_kavGetBootFctsHwInfo(com, words, &bytes, &err);\nfor (int i = 0; i < bytes / 2; ++i) printf(\"%04X\\n\", words[i]);"},
   {"kaVOpenEthernet", nullptr, kLocal,
    "Closes whatever link is open and opens a socket link to `psRemoteIPAddress` (dotted IPv4). `psAdditionalArg` is the port number, followed by \",UDP\" "
    "for UDP or \",TCP\" for TCP (TCP without a keyword). A TCP connection is given at most 100 ms to complete; a connection the peer refuses shows at the "
@@ -316,7 +316,7 @@ const Note kNotes[] = {
   {"kavGetPrivilegedName", "306", kExchange,
    "Reads the gateway's privileged name into `psName` (at most 200 characters, no terminating zero); its length into `*plSizeOfData`.",
    nullptr,
-   "char name[201];\nint32_t n = 0;\ntamrik_kavGetPrivilegedName(com, name, &n, &err);"},
+   "char name[200];\nint32_t n = sizeof name;\ntamrik_kavGetPrivilegedName(com, name, &n, &err);"},
   {"kaVInitImageDownload", "288", kLocal,
    "Starts an image download: switches the serial line to the download read time-out, opens the binary file, gives the number of 256-byte blocks in "
    "`*plNoofBlocks` and announces the length (and `*plStartAddress`, unless it is -1) with service 288. Then call `kaVDownloadImageBlock` until the block "
@@ -336,7 +336,7 @@ const Note kNotes[] = {
    "tamrik_kaVCancelImageDownload(com, &err);"},
   {"kaVDoService", "the caller's", kLocal,
    "Sends any service: code `*service` with the first `*plSizeOfSendData` bytes of `plData`, unchanged. The answer's data replace `plData` (at most "
-   "`*plSizeOfRecData` bytes; their number goes to `*plSizeOfRecData`) and its code goes to `*service`: the code + 0x4000, or a refusal's own code "
+   "`*plSizeOfRecData` bytes; their number goes to `*plSizeOfRecData`) and its code goes to `*service`; with libtamrik.so an answer longer than `*plSizeOfRecData` fails with 0x10053, return 0x10050, and `*plSizeOfRecData` tells its length: the code + 0x4000, or a refusal's own code "
    "(0x8000 or 0xC000 with the code). The code 0x10000 sends nothing and switches socket reads to polling mode, where a read with no data returns 0x10100 "
    "at once; `*service` becomes 0x14000. Every other code, 0 included, goes out as a request.",
    "Refusals are not errors here: they come back in `*service`. `*plError` is nonzero only when no valid answer frame came back (0x10021, 0x10040, 0x10051, "
@@ -399,34 +399,57 @@ void Entry(int dispid, const char* name, const char* params) {
 
 }  // namespace
 
-int main() {
+int CapiReferencePage() {
   std::printf(
       "# C interface reference\n\n"
       "<!-- Generated by tamrik-docgen (cli/docgen/CapiReference.cpp) from comserver/MethodTable.h; "
       "regenerate with `cmake --build build --target docs`. -->\n\n"
       "`#include <tamrik.h>`, link with `-ltamrik` (`find_package(tamrik)` gives `tamrik::tamrik`; `pkg-config tamrik`).\n\n"
       "## Conventions\n\n"
+      "**Capacity on entry.** Every function that receives values or characters into an array of yours reads the array's "
+      "count parameter on entry as the array's capacity (values, or characters for texts) and writes the delivered count into "
+      "it on return. An answer that needs more than the capacity writes nothing past it, is still read to its end so that the "
+      "link stays in step, and fails as an answer failure: return value 0x10050, out-value 0x10053, and the count then holds "
+      "how many values (characters) the answer needed. A negative count is refused with 0x10060. The methods that send the "
+      "array and receive their answer into it (the set methods, the monitoring frames, the DeviceNet attributes) take the count "
+      "on entry as both the request's length and the capacity. Error lists take their capacity from `plSizeOfErrBuf`, "
+      "`kaVDoService` from `plSizeOfRecData`.\n\n"
       "- One driver object (`tamrik_com *`) stands for one link to one gateway. Call its functions from one thread at a time.\n"
       "- Every method function takes the object first, then the method's parameters, and ends with the **out-value**, a pointer "
       "that receives the result code: 0 for success, else a code of [result-codes.md](result-codes.md). Test the out-value.\n"
       "- The **return value** is the method's own status: 0 in ordinary cases, 0x999999 when a busy-guarded method is already "
       "running, 0x10050 when the answer failed (the out-value holds the cause), or a code the method names below.\n"
-      "- A null pointer for any parameter is refused with the return value 0x10060; nothing is touched.\n"
+      "- A null pointer for any parameter is refused with the return value 0x10060; nothing is touched. No C++ exception leaves "
+      "the library: a call that fails inside the driver (out of memory) returns 0x10080 and sets the out-value to it.\n"
       "- Byte arrays are arrays of `int32_t` that carry one byte each in their low eight bits, with their number in a separate "
-      "`int32_t` (`plData`, `plSizeOfData`). Arrays the driver fills must hold the whole answer: up to 65535 values.\n"
+      "`int32_t` (`plData`, `plSizeOfData`).\n"
       "- Texts the driver fills (`char *`) get no terminating zero; the length comes back in the count.\n"
-      "- Demonstration mode (`Version=1` in kaVcnf.ini) answers the data and information methods from kaVdmo.ini and sends "
+      "- Demonstration mode (`Version=1`) answers the data and information methods from the demonstration station and sends "
       "nothing; see [profile-files.md](profile-files.md).\n"
       "- In the examples `com` is a driver object and `int32_t err` its out-value.\n\n"
       "## Object and trace\n\n"
+      "### tamrik_config_defaults, tamrik_create_with\n\n"
+      "```c\nvoid tamrik_config_defaults(tamrik_config *config);\ntamrik_com *tamrik_create_with(const tamrik_config *config);\n```\n\n"
+      "Makes a driver object from a structure instead of a configuration file; it reads and writes no file. The structure "
+      "holds every key of section `[Init]` (`version`, `logfile`, `com_port`, `baudrate`, the serial read time-outs, "
+      "`stream_segment_sleep_ms`, `socket_answer_ms`), the serial port map (`ports`, `port_count`: COM number and device), the "
+      "privileged bit table and the paths of the demonstration station and the boot-file list. Fill it with "
+      "`tamrik_config_defaults` first; texts and the map are copied.\n\n"
+      "**Result.** The object, or NULL when the structure is malformed (`struct_size` too small, a negative time, privileged "
+      "bits that are no permutation of 0 to 31, a port outside 1 to 255 or without a device) or memory is short.\n\n"
+      "```c\ntamrik_config cfg;\ntamrik_config_defaults(&cfg);\ncfg.socket_answer_ms = 1000;  /* a gateway behind a slow network */\n"
+      "tamrik_port map[] = {{1, \"/dev/ttyUSB0\"}};\ncfg.ports = map;\ncfg.port_count = 1;\n"
+      "tamrik_com *com = tamrik_create_with(&cfg);\n```\n\n"
       "### tamrik_create\n\n```c\ntamrik_com *tamrik_create(void);\n```\n\n"
       "Creates a driver object whose profile files (kaVcnf.ini, kaVdmo.ini, kaVBoot.ini) lie in the directory of the loaded "
-      "libtamrik.so. Reads section `[Init]` of kaVcnf.ini and writes the complete default set when a key is missing. No link is "
-      "open yet.\n\n**Result.** The object, or NULL when it cannot be created.\n\n"
+      "libtamrik.so when this process may write there; otherwise in `$TAMRIK_CONFIG_DIR`, else `$XDG_CONFIG_HOME/tamrik`, else "
+      "`~/.config/tamrik`, made when missing. Reads section `[Init]` of kaVcnf.ini and writes the complete default set when a "
+      "key is missing. No link is open yet.\n\n**Result.** The object, or NULL when it cannot be created.\n\n"
       "```c\ntamrik_com *com = tamrik_create();\nif (com == NULL) return 1;\n```\n\n"
       "### tamrik_create_in\n\n```c\ntamrik_com *tamrik_create_in(const char *directory);\n```\n\n"
-      "As `tamrik_create`, with the profile files in `directory`. A program that runs several objects, or must not write beside "
-      "the library, gives each its own directory.\n\n**Result.** The object, or NULL.\n\n"
+      "As `tamrik_create`, with the profile files in `directory`, which must exist. A program that runs several objects, or "
+      "must not write beside the library, gives each its own directory.\n\n**Result.** The object, or NULL (also when "
+      "`directory` does not exist).\n\n"
       "```c\ntamrik_com *com = tamrik_create_in(\"/var/lib/myapp/gateway1\");\n```\n\n"
       "### tamrik_release\n\n```c\nvoid tamrik_release(tamrik_com *com);\n```\n\n"
       "Closes the link and destroys the object. NULL is ignored (a null pointer does nothing).\n\n"
@@ -434,9 +457,23 @@ int main() {
       "### tamrik_set_trace\n\n```c\nvoid tamrik_set_trace(void (*sink)(void *context, const char *text), void *context);\n```\n\n"
       "Installs a process-wide receiver of the driver's trace output: every piece of text unchanged (8-bit, code page 1252, no "
       "line end added). NULL restores the default, which writes each piece to stderr as one UTF-8 line. Trace lines appear "
-      "only when `Logfile=1` in kaVcnf.ini.\n\n"
+      "only when `Logfile=1`.\n\n"
       "```c\nstatic void to_log(void *file, const char *text) { fprintf(file, \"%%s\\n\", text); }\n"
       "tamrik_set_trace(to_log, stderr);\n```\n\n"
+      "### tamrik_result_name, tamrik_result_text\n\n"
+      "```c\nconst char *tamrik_result_name(uint32_t code);\nconst char *tamrik_result_text(uint32_t code);\n```\n\n"
+      "The name of a result code (`BadCheckValue`) and a sentence that says what it means, as static texts that are never "
+      "freed. A code the driver never returns is `Unknown` with a text that says so; the composed families (0x20000 + answer "
+      "code, 4000000 + socket error, ...) give their family's name and meaning.\n\n"
+      "```c\nif (err != 0) fprintf(stderr, \"0x%%X %%s: %%s\\n\", (unsigned)err, tamrik_result_name(err), tamrik_result_text(err));\n```\n\n"
+      "### tamrik_get_stats\n\n```c\nuint32_t tamrik_get_stats(const tamrik_com *com, tamrik_stats *stats);\n```\n\n"
+      "Copies the counters of the object since its creation: requests written (`exchanges`), answer frames received whole "
+      "with a correct check value (`answers`), exchanges that failed (`failures`, and by code in `failure_codes` and "
+      "`failure_counts` for the first 16 codes met, the rest in `other_failures`), frames of other requests read and dropped, "
+      "bytes out and in, and the wall-clock time of the last good answer in ms since 1970 (0: none yet). Counting costs no "
+      "allocation.\n\n**Result.** 0, or 0x10060 for a null pointer or a `struct_size` smaller than the header's.\n\n"
+      "```c\ntamrik_stats st = {.struct_size = sizeof st};\nif (tamrik_get_stats(com, &st) == 0)\n"
+      "    printf(\"%%llu exchanges, %%llu failures\\n\", (unsigned long long)st.exchanges, (unsigned long long)st.failures);\n```\n\n"
       "## Methods\n\n");
 #define TAMRIK_DOC_ENTRY(dispid, name, params, args) Entry(dispid, #name, #params);
   TAMRIK_METHOD_TABLE(TAMRIK_DOC_ENTRY)

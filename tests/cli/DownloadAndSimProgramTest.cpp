@@ -2,16 +2,21 @@
 // tamrik-sim program: each of its options seen from the tool on the other end.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Json.h"
 #include "cli/ProcessSupport.h"
 #include "cli/ToolSupport.h"
 #include "common/TestSupport.h"
+#include "sim/ProgramDocsSupport.h"
 
 namespace tamrik {
 namespace {
@@ -71,7 +76,7 @@ TEST(ToolDownloads, FirmwareBootChainAndImageReachTheSimulatedGateway) {
 
   Json doc = ToolJson({"firmware", dir.File("fw.hex")});
   EXPECT_TRUE(doc.Find("ok")->AsInt());
-  EXPECT_EQ(Int(doc, "records"), int64_t(records.size()));
+  EXPECT_EQ(Int(doc, "count"), int64_t(records.size()));
   EXPECT_EQ(Int(doc, "loader_received_records"), int64_t(records.size()));
   EXPECT_EQ(Int(doc, "bytes"), int64_t(30 * 21 + 5 + records.size()));
 
@@ -95,12 +100,12 @@ TEST(ToolDownloads, FirmwareBootChainAndImageReachTheSimulatedGateway) {
   EXPECT_TRUE(doc.Find("ok")->AsInt());
   EXPECT_EQ(Int(doc, "loader_stage3_bytes"), 3000);
 
-  // A missing stage file: its own code.
+  // A missing stage file is found before anything is sent.
   RunResult run = Tool({"boot", dir.File("none.txt"), "-", dir.File("boot.txt"), dir.File("fw.hex")});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("0x18704 Stage1FileMissing"), std::string::npos) << run.err;
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("tamrik: cannot read " + dir.File("none.txt")), std::string::npos) << run.err;
   // The chain needs a serial line.
-  run = Tool({"--sim-link", "tcp", "--tcp", "127.0.0.1:9", "boot", "--ini", dir.File("kaVBoot.ini")});
+  run = Tool({"--sim-link", "tcp", "--tcp", "127.0.0.1:9", "--yes", "boot", "--ini", dir.File("kaVBoot.ini")});
   EXPECT_EQ(run.status, 2);
 
   std::string image;
@@ -108,13 +113,9 @@ TEST(ToolDownloads, FirmwareBootChainAndImageReachTheSimulatedGateway) {
   dir.Write("image.bin", image);
   doc = ToolJson({"image", dir.File("image.bin"), "--start", "0x8000"});
   EXPECT_TRUE(doc.Find("ok")->AsInt());
-  EXPECT_EQ(Int(doc, "blocks"), 3);
+  EXPECT_EQ(Int(doc, "count"), 3);
   EXPECT_EQ(Int(doc, "start_address"), 0x8000);
   EXPECT_TRUE(doc.Find("gateway_received_identical")->AsInt());
-  dir.Write("empty.bin", "");
-  doc = ToolJson({"--sim-link", "udp", "image", dir.File("empty.bin")});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
-  EXPECT_EQ(Int(doc, "blocks"), 1);
 
   // Without a terminal and without --json the download prints its result, not a live bar.
   run = Tool({"image", dir.File("image.bin")});
@@ -215,9 +216,9 @@ TEST(SimProgram, EachOptionShowsAtTheToolOnTheOtherEnd) {
     std::string image(1000, '\0');
     for (size_t i = 0; i < image.size(); ++i) image[i] = char(i * 3 + 1);
     dir.Write("image.bin", image);
-    const Json doc = ToolJson({"--tcp", address, "image", dir.File("image.bin")});
+    const Json doc = ToolJson({"--tcp", address, "--yes", "image", dir.File("image.bin")});
     EXPECT_TRUE(doc.Find("ok")->AsInt());
-    EXPECT_EQ(Int(doc, "blocks"), 4);
+    EXPECT_EQ(Int(doc, "count"), 4);
     EXPECT_EQ(sim.process.Stop(5000).status, 0);
     EXPECT_EQ(dir.Read("received.bin"), image);
   }
@@ -229,7 +230,7 @@ TEST(SimProgram, EachOptionShowsAtTheToolOnTheOtherEnd) {
     SimProgram sim({"--boot", "lines", "--records-out", dir.File("records.hex"), "--log"});
     const std::string path = sim.Printed("boot lines ");
     ASSERT_FALSE(path.empty()) << sim.process.err();
-    const Json doc = ToolJson({"--serial", path, "firmware", dir.File("fw.hex")});
+    const Json doc = ToolJson({"--serial", path, "--yes", "firmware", dir.File("fw.hex")});
     EXPECT_TRUE(doc.Find("ok")->AsInt());
     EXPECT_TRUE(sim.process.WaitForOutput("record 6:", 3000)) << sim.process.out();
     EXPECT_EQ(sim.process.Stop(5000).status, 0);
@@ -241,20 +242,175 @@ TEST(SimProgram, EachOptionShowsAtTheToolOnTheOtherEnd) {
     const std::string link = dir.File("loader-tty");
     SimProgram sim({"--boot", "--no-setctx", "--link", link, "--log"});
     ASSERT_FALSE(sim.Printed("boot chain ").empty()) << sim.process.err();
-    const Json doc = ToolJson({"--serial", link, "boot", dir.File("bsl.txt"), "-", dir.File("boot.txt"), dir.File("fw.hex")});
+    const Json doc =
+        ToolJson({"--serial", link, "--yes", "boot", dir.File("bsl.txt"), "-", dir.File("boot.txt"), dir.File("fw.hex")});
     EXPECT_TRUE(doc.Find("ok")->AsInt());
     EXPECT_TRUE(sim.process.WaitForOutput("stage 3: 500 bytes", 3000)) << sim.process.out();
     EXPECT_EQ(sim.process.Stop(5000).status, 0);
   }
+}
 
-  // Usage mistakes.
-  for (const std::vector<std::string>& args : {std::vector<std::string>{"--refuse", "0x4000"}, {"--link", "x"},
-                                              {"--boot", "sideways"}, {"--records-out", "x"}, {"--tcp", "x"}}) {
+// The host reads the records file the moment its download's last answer came: by then the
+// file must hold every record of that download, download after download.
+TEST(SimProgram, BootLoaderServesDownloadAfterDownloadAndTheRecordsFileIsCompleteAtOnce) {
+  test::TempDir dir;
+  const std::vector<std::string> longer = Records(30), shorter = Records(4);
+  dir.Write("long.hex", Join(longer));
+  dir.Write("short.hex", "a comment line before the records\n" + Join(shorter));
+  dir.Write("bsl.txt", Pairs(120, 1));
+  dir.Write("ctx.txt", Pairs(400, 2));
+  dir.Write("boot.txt", Pairs(3000, 3));
+  const std::string received = dir.File("received.hex");
+  {
+    SimProgram sim({"--boot", "chain", "--records-out", received, "--log"});
+    const std::string path = sim.Printed("boot chain ");
+    ASSERT_FALSE(path.empty()) << sim.process.err();
+    // Made empty at the start, so that a host never reads an older run's records.
+    EXPECT_TRUE(dir.Exists("received.hex"));
+    EXPECT_EQ(dir.Read("received.hex"), "");
+    const auto download = [&](const std::string& firmware) {
+      return Tool({"--serial", path, "--yes", "boot", dir.File("bsl.txt"), dir.File("ctx.txt"), dir.File("boot.txt"),
+                   dir.File(firmware)});
+    };
+    for (int i = 0; i < 4; ++i) {
+      SCOPED_TRACE("chain download " + std::to_string(i + 1));
+      // A file the host removed between two downloads comes back.
+      if (i == 2) std::filesystem::remove(received);
+      const bool isLong = i % 2 == 0;
+      const RunResult run = download(isLong ? "long.hex" : "short.hex");
+      EXPECT_EQ(run.status, 0) << run.out << run.err;
+      EXPECT_EQ(dir.Read("received.hex"), Join(isLong ? longer : shorter));
+    }
+    // The log of what was heard before the stop is printed before the program ends.
+    const RunResult stopped = sim.process.Stop(5000);
+    EXPECT_EQ(stopped.status, 0);
+    EXPECT_EQ(stopped.err, "");
+    const auto count = [&](const std::string& text) {
+      size_t n = 0;
+      for (size_t at = 0; (at = stopped.out.find(text, at)) != std::string::npos; ++at) ++n;
+      return n;
+    };
+    EXPECT_EQ(count("stage 3: 3000 bytes\n"), 4u) << stopped.out;
+    EXPECT_EQ(count("record 31: 6 bytes\ndownload "), 2u) << stopped.out;
+    EXPECT_EQ(count("record 5: 6 bytes\n"), 2u) << stopped.out;
+    EXPECT_NE(stopped.out.find("download 4\nstage 1: 120 bytes\n"), std::string::npos) << stopped.out;
+  }
+
+  // The firmware line download, twice in a row on one loader.
+  {
+    SimProgram sim({"--boot", "lines", "--records-out", received});
+    const std::string path = sim.Printed("boot lines ");
+    ASSERT_FALSE(path.empty()) << sim.process.err();
+    for (const auto& [file, records] : {std::pair{"short.hex", shorter}, std::pair{"long.hex", longer}}) {
+      SCOPED_TRACE(file);
+      const RunResult run = Tool({"--serial", path, "--yes", "firmware", dir.File(file)});
+      EXPECT_EQ(run.status, 0) << run.out << run.err;
+      EXPECT_EQ(dir.Read("received.hex"), Join(records));
+    }
+    EXPECT_EQ(sim.process.Stop(5000).status, 0);
+  }
+
+  // A records file that cannot be written stops the program before it serves.
+  const RunResult run = test::Run({TAMRIK_SIM_PROGRAM, "--boot", "--records-out", dir.File("no-dir/received.hex")}, 5000);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err.rfind("tamrik-sim: cannot write the records file ", 0), 0u) << run.err;
+  EXPECT_EQ(run.out, "");
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+TEST(SimProgram, VersionAndUsageMistakes) {
+  // The version the project declares.
+  std::ifstream cmakeLists(std::string(TAMRIK_SOURCE_DIR) + "/CMakeLists.txt");
+  std::stringstream text;
+  text << cmakeLists.rdbuf();
+  const std::string lists = text.str();
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(lists, match, std::regex(R"(project\(tamrik VERSION ([0-9.]+))")));
+  RunResult run = test::Run({TAMRIK_SIM_PROGRAM, "--version"}, 5000);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, "tamrik-sim " + match[1].str() + "\n");
+  EXPECT_EQ(run.err, "");
+
+  // Unknown options and words, missing values, bad values, options that do not go together.
+  const std::vector<std::vector<std::string>> mistakes = {
+      {"--bogus"},           {"--tcp", "0", "extra"},  {"--tcp"},         {"--udp", "0", "--records-out"},
+      {"--tcp", "x"},        {"--noise", "many"},      {"--model", "/nonexistent/model"},
+      {"--refuse", "0x4000"}, {"--refuse", "0x101:0x9000"}, {"--boot", "sideways"}, {"--completion", "tcsh"},
+      {"--records-out", "x"}, {"--link", "x"},         {"--boot", "--tcp", "0"}};
+  for (const auto& args : mistakes) {
     std::vector<std::string> full = {TAMRIK_SIM_PROGRAM};
     full.insert(full.end(), args.begin(), args.end());
-    const RunResult run = test::Run(full, 5000);
-    EXPECT_EQ(run.status, 2) << args[0] << run.err;
+    run = test::Run(full, 5000);
+    std::string where;
+    for (const auto& a : args) where += " " + a;
+    SCOPED_TRACE(where + "\n" + run.err);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    const std::vector<std::string> lines = Lines(run.err);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("tamrik-sim: ", 0), 0u);
+    EXPECT_EQ(lines[1], "tamrik-sim: see 'tamrik-sim --help' for the options");
   }
+
+  // A failure is no usage mistake: status 1 and the message alone, with the model's line.
+  test::TempDir dir;
+  dir.Write("model.txt", "identity = X\nno_such_key = 1\n");
+  run = test::Run({TAMRIK_SIM_PROGRAM, "--model", dir.File("model.txt")}, 5000);
+  EXPECT_EQ(run.status, 1);
+  const std::vector<std::string> lines = Lines(run.err);
+  ASSERT_EQ(lines.size(), 1u) << run.err;
+  EXPECT_EQ(lines[0].rfind("tamrik-sim: ", 0), 0u) << lines[0];
+  EXPECT_NE(lines[0].find('2'), std::string::npos) << lines[0];
+}
+
+// The options --help lists, each name on its own ("-h", "--help", "--tcp", ...), sorted.
+std::vector<std::string> HelpOptions() {
+  const RunResult help = test::Run({TAMRIK_SIM_PROGRAM, "--help"}, 5000);
+  EXPECT_EQ(help.status, 0);
+  std::vector<std::string> names;
+  for (const std::string& line : Lines(help.out)) {
+    if (line.rfind("  -", 0) != 0) continue;
+    std::stringstream first(line.substr(2, line.find(' ', 2) - 2));
+    for (std::string name; std::getline(first, name, ',');) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(SimProgram, ManPageAndCompletionListWhatTheHelpLists) {
+  const std::vector<std::string> options = HelpOptions();
+  ASSERT_GE(options.size(), 20u);
+  for (const char* name : {"-h", "--help", "--version", "--boot", "--records-out", "--tcp", "--refuse"}) {
+    EXPECT_NE(std::find(options.begin(), options.end(), name), options.end()) << name;
+  }
+
+  // The page the build made, as a reader sees it: every option of --help, no hidden one.
+  const RunResult man = test::RenderManPage(TAMRIK_SIM_MAN);
+  EXPECT_EQ(man.status, 0);
+  EXPECT_EQ(man.err, "") << "groff's warnings";
+  for (const std::string& name : options) {
+    EXPECT_TRUE(std::regex_search(man.out, std::regex("(^|[ ,\\[])" + name + "([ ,\\]]|$)", std::regex::multiline)))
+        << name;
+  }
+  for (const char* text : {"TAMRIK-SIM(1)", "--records-out FILE", "--boot [chain|lines]", "EXIT STATUS"}) {
+    EXPECT_NE(man.out.find(text), std::string::npos) << text;
+  }
+  EXPECT_EQ(man.out.find("--man"), std::string::npos);
+  EXPECT_EQ(man.out.find("--completion"), std::string::npos);
+
+  // The completion script parses, offers exactly those options, and the values of a set.
+  EXPECT_EQ(test::CheckShellSyntax(TAMRIK_SIM_COMPLETION).status, 0);
+  std::vector<std::string> offered = test::Completions(TAMRIK_SIM_COMPLETION, {"tamrik-sim", "-"});
+  std::sort(offered.begin(), offered.end());
+  EXPECT_EQ(offered, options);
+  EXPECT_EQ(test::Completions(TAMRIK_SIM_COMPLETION, {"tamrik-sim", "--boot", ""}),
+            (std::vector<std::string>{"chain", "lines"}));
 }
 
 }  // namespace

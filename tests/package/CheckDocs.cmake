@@ -1,11 +1,7 @@
 # The generated pages of docs/ must be what the code generates now: run with
-# -DDOCGEN=... -DTOOL=... -DSOURCE_DIR=...; fails with the name of the stale page.
+# -DDOCGEN=... -DSOURCE_DIR=...; fails with the name of the stale page.
 foreach(page capi result-codes)
-  if(page STREQUAL "capi")
-    execute_process(COMMAND ${DOCGEN} OUTPUT_VARIABLE generated RESULT_VARIABLE status)
-  else()
-    execute_process(COMMAND ${TOOL} codes --markdown OUTPUT_VARIABLE generated RESULT_VARIABLE status)
-  endif()
+  execute_process(COMMAND ${DOCGEN} ${page} OUTPUT_VARIABLE generated RESULT_VARIABLE status)
   if(NOT status EQUAL 0)
     message(FATAL_ERROR "generating docs/${page}.md failed: ${status}")
   endif()
