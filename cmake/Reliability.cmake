@@ -31,6 +31,7 @@ if(TAMRIK_FUZZ)
     get_filename_component(name ${source} NAME_WE)
     add_executable(${name} ${source})
     target_link_libraries(${name} PRIVATE tamrik_core)
+    target_include_directories(${name} PRIVATE tests)
     # The capacity target drives the C interface itself.
     if(name STREQUAL "fuzz_answer_capacity")
       target_sources(${name} PRIVATE comserver/capi/capi.cpp)

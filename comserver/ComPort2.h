@@ -1,24 +1,19 @@
-// CComPort: the one transport endpoint of a driver object. It holds either a serial line
-// or a socket, moves bytes through the stream layer, speaks the service protocol on top of
-// it, reads the download files and writes the trace.
+// CComPort: the one transport endpoint of a driver object. It holds one link (serial line,
+// stream socket or datagram socket) chosen at open, moves bytes through the stream layer,
+// speaks the service protocol on top of it, reads the download files and writes the trace.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 
-#include "platform/Platform.h"
+#include "link/Link.h"
 #include "protocol/Codec.h"
 
 namespace tamrik {
-
-// An IPv4 endpoint as the socket layer takes it.
-struct Ipv4Address {
-  uint32_t address = 0;  // network byte order
-  uint16_t port = 0;     // host byte order
-};
 
 // How long a link by address (TCP or UDP) waits for an answer to begin, unless configured.
 inline constexpr uint32_t kDefaultSocketAnswerMs = 110;
@@ -45,12 +40,64 @@ struct LinkStats {
   void CountFailure(uint32_t code);
 };
 
+// Where the one request in flight stands. A request is written, then its answer is searched
+// for; the search passing its start byte ends the request. In polling mode a search that finds
+// nothing leaves the answer pending, and the next call only looks for it again instead of
+// sending a new request. Frames of other requests met on the way are dropped and leave the
+// request where it stood. Polling mode, once on, stays on for the port's life.
+class ExchangeState {
+ public:
+  enum class Phase { Idle, RequestWritten, AnswerPending };
+
+  Phase phase() const { return phase_; }
+  bool polling() const { return polling_; }
+
+  void SwitchToPolling() {
+    polling_ = true;
+    phase_ = Phase::Idle;
+  }
+  // Any bytes went out: from now on an answer is awaited.
+  void Written() { phase_ = Phase::RequestWritten; }
+  // Polling and an answer awaited: a new request is held back and the start-byte search may
+  // come back empty-handed.
+  bool HoldsRequestBack() const { return polling_ && phase_ != Phase::Idle; }
+  // The search for the start byte came back with nothing yet.
+  void NothingYet() { phase_ = Phase::AnswerPending; }
+  // The search for the start byte is over, whatever it found: the request has its answer (or
+  // its failure).
+  void SearchEnded() { phase_ = Phase::Idle; }
+  // A frame of another request was read and dropped: awaiting again what was awaited before.
+  void StaleFrameDropped(Phase before) { phase_ = before; }
+
+ private:
+  bool polling_ = false;
+  Phase phase_ = Phase::Idle;
+};
+
+// The one download file a port may hold, closed when it is replaced or the port goes.
+struct FileCloser {
+  void operator()(FILE* file) const { fclose(file); }
+};
+using LoadFile = std::unique_ptr<FILE, FileCloser>;
+
+class CComPortTestPeer;
+
 class CComPort {
  public:
   CComPort();
   virtual ~CComPort();
   CComPort(const CComPort&) = delete;
   CComPort& operator=(const CComPort&) = delete;
+
+  // --- configuration (by the driver object, at its construction) -----------------------
+  PortTimings& Timings() { return timings_; }
+  const PortTimings& Timings() const { return timings_; }
+  // The configuration file, in which the platform may look up the device of a port number.
+  void SetConfigFile(const std::string& file) { configFile_ = file; }
+  // The devices of the COM port numbers, for a driver configured without a file.
+  void SetSerialDevices(std::map<int32_t, std::string> devices) { serialDevices_ = std::move(devices); }
+  void SetTracing(bool on) { tracing_ = on; }
+  bool Tracing() const { return tracing_; }
 
   // --- link ------------------------------------------------------------------------------
   // Port numbers up to 255 open the serial line; above 255 a UDP link on that port number.
@@ -60,31 +107,26 @@ class CComPort {
   void ChangeTimings(bool bFirmware);
   uint32_t Close();
 
-  // --- raw serial transfers (only the stream layer calls them) ----------------------------
-  uint32_t ReadCom(uint8_t* buffer, int32_t length);
-  uint32_t WriteCom(const uint8_t* buffer, int32_t length);
-
   // --- stream layer ----------------------------------------------------------------------
   uint32_t ReadStream(uint8_t* buffer, int32_t length);
   uint32_t WriteStream(const uint8_t* buffer, int32_t length);
-  uint32_t ReadSocket(uint8_t* buffer, int32_t length);
-  uint32_t ReadSocketNoWait(uint8_t* buffer, int32_t length);
-  uint32_t WriteSocket(const uint8_t* buffer, int32_t length);
 
   // --- service protocol ------------------------------------------------------------------
   // Builds the request for serviceCode from data (32-bit values or bytes, by the code) and
   // *count, and writes it. 0, 0x10031 when it could not be written, 0x10060 when the
   // request cannot be built (count out of range, unassigned code).
   uint32_t GenerateService(uint32_t serviceCode, const void* data, const int32_t* count);
-  // Reads, checks and decodes one answer into values (room for `capacity` values).
-  // With AnswerOverflow::Fail an answer that needs more than capacity values returns
-  // 0x10053 with *count set to the values it needed.
+  // Reads, checks and decodes one answer into values (room for `capacity` values). With
+  // AnswerOverflow::Fail an answer that needs more than capacity values returns 0x10053 with
+  // *count set to the values it needed.
   uint32_t AnswerReception(uint32_t serviceCode, int32_t* values, int32_t* count,
                            size_t capacity = protocol::kUnbounded,
                            AnswerOverflow overflow = AnswerOverflow::Truncate);
   // The challenge of the privileged mode: answer 0x410F delivered unconverted.
   uint32_t ReceiveClock(uint32_t serviceCode, int32_t* values, int32_t* count,
                         size_t capacity = protocol::kUnbounded);
+  // Polling mode for the rest of the port's life (the raw service code 0x10000).
+  void SwitchToPolling() { exchange_.SwitchToPolling(); }
 
   // --- trace -----------------------------------------------------------------------------
   void Trace(const char* text);
@@ -93,7 +135,6 @@ class CComPort {
       __attribute__((format(printf, 2, 3)))
 #endif
       ;
-  bool Tracing() const { return nLogfile == 1; }
 
   // --- download file readers -------------------------------------------------------------
   uint32_t InitDownloadLines(const char* path, int32_t* records);
@@ -105,6 +146,7 @@ class CComPort {
   uint32_t DownloadBootFile(const char* path);
   uint32_t InitDownloadImage(const char* path, int32_t* length);
   uint32_t PopDownloadImageBlock(int32_t* size, uint8_t* buffer, int32_t* blockNumber);
+  bool HasLoadFile() const { return load_.file != nullptr; }
 
   // --- privileged stream -----------------------------------------------------------------
   // Lays out description (at most 128 characters), 0x00 and the response to challenge, one
@@ -112,61 +154,33 @@ class CComPort {
   static int32_t BuildPrivilegedStream(uint32_t challenge, const char* description,
                                        const uint8_t bits[32], int32_t* stream);
 
-  // The configuration file, in which the platform may look up the device of a port number.
-  void SetConfigFile(const std::string& file) { configFile_ = file; }
-  // The devices of the COM port numbers, for a driver configured without a file.
-  void SetSerialDevices(std::map<int32_t, std::string> devices) { serialDevices_ = std::move(devices); }
-
   const LinkStats& Stats() const { return stats_; }
 
-  // --- fields ----------------------------------------------------------------------------
-  uint32_t nReadInterval = 200;
-  uint32_t nReadTotalMultiplier = 0;
-  uint32_t nReadTotalConstant = 500;
-  uint32_t nReadTotalConstantFW = 3000;
-  uint32_t nActiveReadTotalConstant = 500;
-  uint32_t nSocketAnswerMs = kDefaultSocketAnswerMs;
-
-  FILE* pfLoadStream = nullptr;
-  uint32_t nLoadPosition = 0;
-  uint32_t nLoadCount = 0;
-  uint32_t nLoadIndex = 0;
-
-  int32_t nLogfile = 0;
-  uint8_t bPolling = 0;
-  uint8_t bWriteActive = 0;
-  uint8_t bComOpen = 0;
-  uint8_t bSocketMode = 0;
-  uint8_t bSerialMode = 0;
-
-  platform::SerialDevice* hCom = nullptr;
-  platform::SocketHandle hSocket = platform::kInvalidSocket;
-  Ipv4Address addrLocal;
-  Ipv4Address addrRemote;
-
-  static constexpr uint32_t kRecvBufferSize = 1000;
-  uint8_t abyRecvBuffer[kRecvBufferSize] = {};
-  uint8_t bRecvArmed = 0;
-  uint32_t nRecvOffset = 0;  // read position in abyRecvBuffer
-  uint32_t nRecvFill = 0;    // bytes received into abyRecvBuffer
-
  private:
-  uint32_t OpenSerial(int32_t nPort, int32_t nBaud, uint8_t nRtsControl);
-  uint32_t OpenUdpByPort(int32_t nPort);
-  void WriteSerialTimeouts(uint32_t totalConstant);
-  void ResetReceive();
-  uint32_t ReadSocketUntil(uint8_t* buffer, int32_t length, bool returnWhenEmpty);
-  uint32_t ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool trace);
-  void DumpTransfer(const char* prefix, const uint8_t* buffer, int32_t length);
+  friend class CComPortTestPeer;
 
+  uint32_t ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool trace);
   // The result of one reception, counted: answers, failures, the time of the last good answer.
   uint32_t CountReception(uint32_t result, bool answered);
+  void DumpTransfer(const char* prefix, const uint8_t* buffer, int32_t length);
+  static void TraceFromLink(void* port, const char* text);
 
+  PortTimings timings_;
   std::string configFile_;
   std::map<int32_t, std::string> serialDevices_;
+  bool tracing_ = false;
+
+  std::unique_ptr<Link> link_;
+  ExchangeState exchange_;
   LinkStats stats_;
-  bool socketDatagram_ = false;
-  bool socketBounded_ = false;  // UDP link by port number: reads bounded by the serial time-out
+
+  // The open download file and where the reader stands in it.
+  struct LoadState {
+    LoadFile file;
+    uint32_t position = 0;  // byte offset of the next record
+    uint32_t count = 0;     // records plus one
+    uint32_t index = 0;     // the next record or block, from 1
+  } load_;
 
   // Frame buffers live as long as the port object, so an exchange allocates nothing.
   uint8_t txFrame_[protocol::kMaxFrame] = {};

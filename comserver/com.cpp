@@ -60,16 +60,14 @@ Ccom::Ccom(const std::string& directory) {
 }
 
 Ccom::Ccom(const DriverConfig& config) {
-  bBusy.store(0);
   nDemo = config.version;
   nLog = config.logfile;
   nComPort = config.comPort;
   nBaudrate = config.baudrate;
-  pComPort = new CComPort();
-  pComPort->nLogfile = nLog;
-  pComPort->SetSerialDevices(config.ports);
+  port_->SetTracing(nLog == 1);
+  port_->SetSerialDevices(config.ports);
   ApplyTimings(config.readInterval, config.readTotalMultiplier, config.readTotalConstant, config.readTotalConstantFW);
-  pComPort->nSocketAnswerMs = uint32_t(std::max(config.socketAnswerMs, 1));
+  port_->Timings().socketAnswerMs = uint32_t(std::max(config.socketAnswerMs, 1));
   segmentSleepWithoutFile_ = config.streamSegmentSleepTime;
   if (nDemo == 1) szDemoFile = config.demoFile;
   szBootFile = config.bootFile;
@@ -77,30 +75,17 @@ Ccom::Ccom(const DriverConfig& config) {
 }
 
 void Ccom::ApplyTimings(int32_t interval, int32_t multiplier, int32_t constant, int32_t constantFW) {
-  pComPort->nReadInterval = uint32_t(interval);
-  pComPort->nReadTotalMultiplier = uint32_t(multiplier);
-  pComPort->nReadTotalConstant = uint32_t(constant);
-  pComPort->nReadTotalConstantFW = uint32_t(constantFW);
-  pComPort->nActiveReadTotalConstant = uint32_t(constant);
-}
-
-bool Ccom::CallerRoom(const int32_t* count, int32_t* error, size_t* room) const {
-  if (!countIsCapacity_) {
-    *room = protocol::kUnbounded;
-    return true;
-  }
-  if (*count < 0) {
-    *error = int32_t(rc::kBadArgument);
-    return false;
-  }
-  *room = size_t(*count);
-  return true;
+  PortTimings& timings = port_->Timings();
+  timings.readInterval = uint32_t(interval);
+  timings.readTotalMultiplier = uint32_t(multiplier);
+  timings.readTotalConstant = uint32_t(constant);
+  timings.readTotalConstantFW = uint32_t(constantFW);
+  timings.activeTotalConstant = uint32_t(constant);
 }
 
 void Ccom::Construct(const std::string& directory) {
   nDemoBit = 0;
   nDemoCount = 0;
-  bBusy.store(0);
   // Without a module directory the configuration path stays empty: every key then reads
   // as missing and nothing is written anywhere.
   if (!directory.empty()) {
@@ -110,9 +95,8 @@ void Ccom::Construct(const std::string& directory) {
   nDemo = ReadInit("Version", szConfigFile);
   nLog = ReadInit("Logfile", szConfigFile);
 
-  pComPort = new CComPort();
-  pComPort->nLogfile = nLog;
-  pComPort->SetConfigFile(szConfigFile);
+  port_->SetTracing(nLog == 1);
+  port_->SetConfigFile(szConfigFile);
 
   nComPort = ReadInit("ComPort", szConfigFile);
   nBaudrate = ReadInit("Baudrate", szConfigFile);
@@ -124,7 +108,7 @@ void Ccom::Construct(const std::string& directory) {
   // Not one of the keys of the default set: a file without it keeps the bound of old.
   const int32_t socketAnswer = int32_t(
       platform::ProfileGetInt(kInit, "SocketAnswerTimeout", int32_t(kDefaultSocketAnswerMs), szConfigFile));
-  pComPort->nSocketAnswerMs = socketAnswer > 0 ? uint32_t(socketAnswer) : kDefaultSocketAnswerMs;
+  port_->Timings().socketAnswerMs = socketAnswer > 0 ? uint32_t(socketAnswer) : kDefaultSocketAnswerMs;
 
   const int32_t read[] = {nDemo, nLog, nComPort, nBaudrate, interval, multiplier, constant, constantFW};
   bool incomplete = false;
@@ -148,52 +132,7 @@ void Ccom::Construct(const std::string& directory) {
   ReadPrivilegedBits(szConfigFile, abyPrivilegedBits);
 }
 
-Ccom::~Ccom() {
-  pComPort->Close();
-  delete pComPort;
-}
-
-// --- method frame ----------------------------------------------------------------------------
-
-bool Ccom::EnterBusy() {
-  uint8_t expected = 0;
-  return bBusy.compare_exchange_strong(expected, 1, std::memory_order_acq_rel);
-}
-
-void Ccom::TraceMethod(const char* text) {
-  if (nLog == 1) pComPort->Trace(text);
-}
-
-void Ccom::TraceMethodFormat(const char* format, ...) {
-  if (nLog != 1 || !pComPort->Tracing()) return;
-  // Method texts may carry host strings of any length; a trace line stays bounded.
-  char text[200];
-  va_list args;
-  va_start(args, format);
-  // The analyzer of clang 14 loses va_start in variadic member functions.
-  vsnprintf(text, sizeof text, format, args);  // NOLINT(clang-analyzer-valist.Uninitialized)
-  va_end(args);
-  pComPort->Trace(text);
-}
-
-bool Ccom::Exchange(uint32_t serviceCode, const void* requestData, const int32_t* requestCount,
-                    int32_t* values, int32_t* count, size_t capacity, int32_t* error,
-                    RequestFailure onRequestFailure, uint32_t* methodReturn, AnswerOverflow overflow) {
-  uint32_t result = pComPort->GenerateService(serviceCode, requestData, requestCount);
-  if (result != 0) {
-    *error = int32_t(result);
-    *methodReturn = onRequestFailure == RequestFailure::ReturnCode ? result : 0;
-    return false;
-  }
-  int32_t scratchCount = 0;
-  result = pComPort->AnswerReception(serviceCode, values, count != nullptr ? count : &scratchCount, capacity, overflow);
-  if (result != 0) {
-    *error = int32_t(result);
-    *methodReturn = rc::kAnswerFailed;
-    return false;
-  }
-  return true;
-}
+Ccom::~Ccom() { port_->Close(); }
 
 void Ccom::WriteConfigInt(const char* key, int32_t value) {
   if (szConfigFile.empty()) return;

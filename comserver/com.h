@@ -63,6 +63,8 @@ struct DriverConfig {
   }
 };
 
+class CcomTestPeer;
+
 class Ccom {
  public:
   // Profile files beside the loaded driver module.
@@ -89,37 +91,74 @@ class Ccom {
   // promise room for the largest answer instead, and answers are only cut to the driver's own
   // limits.
   void SetCountIsCapacity(bool on) { countIsCapacity_ = on; }
-  bool CountIsCapacity() const { return countIsCapacity_; }
 
-  // --- fields ----------------------------------------------------------------------------
-  int32_t nComPort = 0;
-  int32_t nBaudrate = 0;
-  int32_t nDemo = 0;
-  int32_t nLog = 0;
-  std::string szConfigFile;
-  std::string szDemoFile;
-  std::string szBootFile;
-  uint32_t nDemoBit = 0;
-  uint32_t nDemoCount = 0;
-  std::atomic<uint8_t> bBusy{0};
-  CComPort* pComPort = nullptr;
-
-  // Permutation of the challenge bits for the privileged response (section "Privileged",
-  // key "Bits" of the configuration file; the identity when missing or malformed).
-  uint8_t abyPrivilegedBits[32] = {};
-
-  // --- data, information, control, stream, raw and privileged methods ---------------------
-  // Set: the next kavEnterPrivilegedMode starts a new exchange; clear: its response was sent
-  // and the answer is still awaited. One flag for the whole process.
-  static std::atomic<bool> bNewPrivilegedExchange;
+  // The counters of the link, since the object was made.
+  const LinkStats& Stats() const { return port_->Stats(); }
 
   // SetPort and GetPort copy only within this area: their address is an offset into it.
   static constexpr int32_t kPortAreaSize = 0x10000;
-  std::unique_ptr<uint8_t[]> pPortArea = std::make_unique<uint8_t[]>(kPortAreaSize);
 
  private:
+  friend class CcomTestPeer;
+
   void Construct(const std::string& directory);
   void ApplyTimings(int32_t interval, int32_t multiplier, int32_t constant, int32_t constantFW);
+  void WriteConfigInt(const char* key, int32_t value);
+
+  // --- the method frame (com_frame.cpp) ----------------------------------------------------
+  // What a method returns when its request could not be written: 0 for most methods, the
+  // request's own code for the busy-guarded ones and a few others.
+  enum class RequestFailure { ReturnZero, ReturnCode };
+
+  // A step of a method that may end it early: nothing to go on, or the value the method
+  // returns at once (with the out-value set by the step).
+  using Step = FunctionRef<std::optional<uint32_t>()>;
+
+  // A capacity that stands for the caller's array: the count on entry under the C interface,
+  // unbounded under the automation interface.
+  static constexpr size_t kCallerCapacity = SIZE_MAX;
+
+  // One method whose live behaviour is one exchange. Fields that are not named keep these
+  // values: no request data, the answer into a scratch value, no demonstration step.
+  struct ExchangeMethod {
+    const char* name;                     // traced as "<name>-->" and "<name><--"
+    const char* entryTrace = nullptr;     // a different entry line, where the trace has one
+    uint32_t service = 0;
+    const void* request = nullptr;        // 32-bit values or bytes, as the service's rule says
+    const int32_t* requestCount = nullptr;
+    int32_t* values = nullptr;            // the answer's values
+    int32_t* count = nullptr;             // and their number
+    size_t capacity = 0;                  // room in values, or kCallerCapacity
+    int32_t* error = nullptr;             // the out-value
+    RequestFailure onRequestFailure = RequestFailure::ReturnZero;
+    bool busyGuarded = false;             // one such method at a time per object (0x999999)
+    Step demo = {};                       // demonstration mode (Version=1) instead of the exchange
+    Step afterAnswer = {};                // unpacks the answer into the method's out-values
+  };
+  uint32_t RunExchange(const ExchangeMethod& method);
+
+  // One exchange: the request, then its answer. On failure *error holds the code, *methodReturn
+  // what the method returns (0 or the request's code by onRequestFailure; 0x10050 when the
+  // answer failed).
+  bool Exchange(uint32_t serviceCode, const void* requestData, const int32_t* requestCount, int32_t* values,
+                int32_t* count, size_t capacity, int32_t* error, RequestFailure onRequestFailure,
+                uint32_t* methodReturn, AnswerOverflow overflow = AnswerOverflow::Truncate);
+
+  // Text answers (one character per data byte, at most 200) copied without a terminating
+  // zero; with a demoKey, demonstration mode reads that key of section "Station".
+  uint32_t StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
+                        int32_t* error);
+
+  // The busy guard: false when another busy-guarded method of this object runs.
+  bool EnterBusy();
+  void LeaveBusy() { busy_.store(0, std::memory_order_release); }
+
+  void TraceMethod(const char* text);
+  void TraceMethodFormat(const char* format, ...)
+#if defined(__GNUC__)
+      __attribute__((format(printf, 2, 3)))
+#endif
+      ;
 
   // The room a caller's array offers: its count on entry when the caller states capacities,
   // else unbounded. False (with *error set) for a negative count.
@@ -129,70 +168,11 @@ class Ccom {
     return countIsCapacity_ ? AnswerOverflow::Fail : AnswerOverflow::Truncate;
   }
 
-  bool countIsCapacity_ = false;
-  // Set for an object made from a DriverConfig: the values that a file would otherwise give at
-  // every call (the pause between stream segments).
-  std::optional<int32_t> segmentSleepWithoutFile_;
-
-  // The method frame: busy guard, entry and exit traces.
-  bool EnterBusy();  // false when another busy-guarded method runs
-  void LeaveBusy() { bBusy.store(0, std::memory_order_release); }
-  // Clears the busy flag on every return of a busy-guarded method.
-  struct BusyRelease {
-    Ccom* com;
-    ~BusyRelease() { com->LeaveBusy(); }
-  };
-  void TraceMethod(const char* text);
-  void TraceMethodFormat(const char* format, ...)
-#if defined(__GNUC__)
-      __attribute__((format(printf, 2, 3)))
-#endif
-      ;
-
-  // What a method returns when its request could not be written: 0 for most methods, the
-  // request's own code for the busy-guarded ones and a few others.
-  enum class RequestFailure { ReturnZero, ReturnCode };
-
-  // One exchange: the request with serviceCode, then its answer into values (room for
-  // `capacity` values). On failure *error holds the code, *methodReturn what the method
-  // returns (0 or the request's code by onRequestFailure; 0x10050 when the answer failed).
-  bool Exchange(uint32_t serviceCode, const void* requestData, const int32_t* requestCount,
-                int32_t* values, int32_t* count, size_t capacity, int32_t* error,
-                RequestFailure onRequestFailure, uint32_t* methodReturn,
-                AnswerOverflow overflow = AnswerOverflow::Truncate);
-
-  void WriteConfigInt(const char* key, int32_t value);
-
-  // --- data, information, control, stream, raw and privileged methods ---------------------
-  // What demonstration mode does in place of the exchange: nothing to go on to the end of
-  // the method, or the value the method returns at once (with *plError set by the step).
-  using DemoStep = FunctionRef<std::optional<uint32_t>()>;
-
-  // A capacity that stands for the caller's array: the count on entry under the C interface,
-  // unbounded under the automation interface.
-  static constexpr size_t kCallerCapacity = SIZE_MAX;
-
-  // Demonstration bytes into the caller's array; false (with *error set to 0x10053 and the
-  // count to n) when the caller stated a smaller capacity.
-  bool DeliverDemo(const uint8_t* result, int32_t n, int32_t* plData, int32_t* plSizeOfData, int32_t* error) const;
-
-  // The frame of a method whose live behaviour is one exchange: traces "<name>-->" and
-  // "<name><--", talks to the gateway only when nDemo is 0 (and then runs afterAnswer on
-  // the values), and runs the demonstration step when nDemo is 1.
-  uint32_t RunExchangeMethod(const char* name, uint32_t serviceCode, const void* requestData,
-                             const int32_t* requestCount, int32_t* values, int32_t* count,
-                             size_t capacity, int32_t* error, RequestFailure onRequestFailure,
-                             DemoStep demo = {}, FunctionRef<void()> afterAnswer = {});
-
+  // --- data methods (com_data.cpp) ---------------------------------------------------------
   // The frame of the process, parameter and diagnosis methods (busy guard, the caller's
   // buffer sent when sendsData, the answer into it).
   uint32_t DataMethod(const char* name, uint32_t serviceCode, bool sendsData, int32_t* plData,
-                      int32_t* plSizeOfData, int32_t* plError, DemoStep demo, FunctionRef<void()> afterAnswer = {});
-
-  // Text answers (one character per data byte, at most 200) copied without a terminating
-  // zero; with a demoKey, demonstration mode reads that key of section "Station".
-  uint32_t StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
-                        int32_t* error);
+                      int32_t* plSizeOfData, int32_t* plError, Step demo, Step afterAnswer = {});
 
   // Hexadecimal digits from the start of a demonstration value (module and gateway
   // identifiers), as "0x" followed by the text would read.
@@ -211,6 +191,9 @@ class Ccom {
   static uint32_t DemoFailureReturn(const int32_t* plError) {
     return uint32_t(*plError) == rc::kAnswerTooLong ? rc::kAnswerFailed : 0;
   }
+  // Demonstration bytes into the caller's array; false (with *error set to 0x10053 and the
+  // count to n) when the caller stated a smaller capacity.
+  bool DeliverDemo(const uint8_t* result, int32_t n, int32_t* plData, int32_t* plSizeOfData, int32_t* error) const;
 
   // Bit strings of the demonstration file packed into bytes (at most kDemoResultSize), and
   // the caller's bytes written back into them.
@@ -225,6 +208,38 @@ class Ccom {
   // list, and the last live diagnosis split by it.
   void RecordModuleLayout(const int32_t* identifiers, int32_t count);
   void RecordDiagnosis(const int32_t* bytes, int32_t count);
+
+  // --- downloads (com_download.cpp) --------------------------------------------------------
+  // Stages 1 to 3, then the firmware records; the line is closed only after success.
+  uint32_t RunBootChain(const char* bsl, const char* setCtx, bool setCtxAlways, const char* boot,
+                        const char* firmware, int32_t* plError);
+
+  // --- state -------------------------------------------------------------------------------
+  int32_t nComPort = 0;
+  int32_t nBaudrate = 0;
+  int32_t nDemo = 0;
+  int32_t nLog = 0;
+  std::string szConfigFile;
+  std::string szDemoFile;
+  std::string szBootFile;
+  uint32_t nDemoBit = 0;
+  uint32_t nDemoCount = 0;
+  std::atomic<uint8_t> busy_{0};
+  std::unique_ptr<CComPort> port_ = std::make_unique<CComPort>();
+  bool countIsCapacity_ = false;
+  // Set for an object made from a DriverConfig: the values that a file would otherwise give at
+  // every call (the pause between stream segments).
+  std::optional<int32_t> segmentSleepWithoutFile_;
+
+  // Permutation of the challenge bits for the privileged response (section "Privileged",
+  // key "Bits" of the configuration file; the identity when missing or malformed).
+  uint8_t abyPrivilegedBits[32] = {};
+
+  // Set: the next kavEnterPrivilegedMode starts a new exchange; clear: its response was sent
+  // and the answer is still awaited. One flag for the whole process.
+  static std::atomic<bool> bNewPrivilegedExchange;
+
+  std::unique_ptr<uint8_t[]> pPortArea = std::make_unique<uint8_t[]>(kPortAreaSize);
 };
 
 }  // namespace tamrik

@@ -24,6 +24,7 @@ int32_t ServiceBaudrateIndex(int32_t baudrate) {
 
 }  // namespace
 
+// The connection methods trace their arguments on entry with "<--", as they always have.
 uint32_t Ccom::kaVSetBaudrate(int32_t lBaudrate, int32_t* plError) {
   TraceMethodFormat("kaVSetBaudrate %d<--", lBaudrate);
   // Checked only when the line is opened with it.
@@ -37,8 +38,8 @@ uint32_t Ccom::kaVSetBaudrate(int32_t lBaudrate, int32_t* plError) {
 uint32_t Ccom::kaVOpenComPort(int32_t nPort, int32_t* lpError) {
   TraceMethodFormat("kaVOpenComPort %d<--", nPort);
   nComPort = nPort;
-  pComPort->Close();
-  const uint32_t result = pComPort->Open(nComPort, nBaudrate, 0);
+  port_->Close();
+  const uint32_t result = port_->Open(nComPort, nBaudrate, 0);
   *lpError = int32_t(result);
   // The next driver object starts with the port and rate last used, whatever came of them.
   WriteConfigInt("ComPort", nComPort);
@@ -49,7 +50,7 @@ uint32_t Ccom::kaVOpenComPort(int32_t nPort, int32_t* lpError) {
 
 uint32_t Ccom::kaVCloseComPort(int32_t nPort, int32_t* plError) {
   TraceMethodFormat("kaVCloseComPort %d<--", nPort);
-  const uint32_t result = pComPort->Close();
+  const uint32_t result = port_->Close();
   *plError = int32_t(result);
   TraceMethodFormat("kaVCloseComPort<--ComPort 0x%X", result);
   return 0;
@@ -57,25 +58,19 @@ uint32_t Ccom::kaVCloseComPort(int32_t nPort, int32_t* plError) {
 
 uint32_t Ccom::kaVSetGatewayServiceBaudrate(int32_t* plBaudrate, int32_t* plError) {
   const int32_t index = ServiceBaudrateIndex(*plBaudrate);
-  TraceMethod("kaVSetGatewayServiceBaudrate-->");
-  if (nDemo == 0) {
-    int32_t work = 0;
-    int32_t count = 0;
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceSetServiceBaudrate, &index, nullptr, &work, &count, 1, plError,
-                  RequestFailure::ReturnZero, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVSetGatewayServiceBaudrate<--");
-  *plError = 0;
-  return 0;
+  int32_t work = 0;
+  return RunExchange({.name = "kaVSetGatewayServiceBaudrate",
+                      .service = kServiceSetServiceBaudrate,
+                      .request = &index,
+                      .values = &work,
+                      .capacity = 1,
+                      .error = plError});
 }
 
 uint32_t Ccom::kaVOpenEthernet(const char* psAdditionalArg, const char* psRemoteIPAddress, int32_t* plError) {
   TraceMethodFormat("kaVOpenEthernet %s, RemoteIPAddr %s<--", psAdditionalArg, psRemoteIPAddress);
-  pComPort->Close();
-  const uint32_t result = pComPort->OpenEthernet(psAdditionalArg, psRemoteIPAddress);
+  port_->Close();
+  const uint32_t result = port_->OpenEthernet(psAdditionalArg, psRemoteIPAddress);
   *plError = int32_t(result);
   TraceMethodFormat("kaVOpenEthernet<--return value 0x%X", result);
   return result;

@@ -258,30 +258,41 @@ void Ccom::RecordDiagnosis(const int32_t* bytes, int32_t count) {
 // --- methods ---------------------------------------------------------------------------------
 
 uint32_t Ccom::kaVGetModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchangeMethod(
-      "kaVGetModuleList", kServiceModuleList, nullptr, nullptr, plData, plSizeOfData, kCallerCapacity, plError,
-      RequestFailure::ReturnZero,
-      [&]() -> std::optional<uint32_t> {
-        if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
-        return std::nullopt;
-      },
-      [&] {
-        // Each four-byte group starts with a byte of its own; the other three are the identifier.
-        const int32_t count = std::max(*plSizeOfData, 0);
-        for (int32_t i = 0; i < count; ++i) plData[i] = int32_t((uint32_t(plData[i]) >> 8) & 0xFFFFFF);
-        if (pComPort->nLogfile == 1) RecordModuleLayout(plData, std::min(count, kMaxRecordedModules));
-      });
+  return RunExchange({.name = "kaVGetModuleList",
+                      .service = kServiceModuleList,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
+                        return std::nullopt;
+                      },
+                      .afterAnswer = [&]() -> std::optional<uint32_t> {
+                        // Each four-byte group starts with a byte of its own; the other three are the identifier.
+                        const int32_t count = std::max(*plSizeOfData, 0);
+                        for (int32_t i = 0; i < count; ++i) plData[i] = int32_t((uint32_t(plData[i]) >> 8) & 0xFFFFFF);
+                        if (port_->Tracing()) RecordModuleLayout(plData, std::min(count, kMaxRecordedModules));
+                        return std::nullopt;
+                      }});
 }
 
 // The process, parameter and diagnosis methods: one caller at a time, and what goes to or
 // comes from the gateway is the caller's buffer as it stands.
 uint32_t Ccom::DataMethod(const char* name, uint32_t serviceCode, bool sendsData, int32_t* plData,
-                          int32_t* plSizeOfData, int32_t* plError, DemoStep demo, FunctionRef<void()> afterAnswer) {
-  if (!EnterBusy()) return rc::kBusy;
-  BusyRelease release{this};
-  return RunExchangeMethod(name, serviceCode, sendsData ? plData : nullptr, sendsData ? plSizeOfData : nullptr,
-                           plData, plSizeOfData, kCallerCapacity, plError, RequestFailure::ReturnCode, demo,
-                           afterAnswer);
+                          int32_t* plSizeOfData, int32_t* plError, Step demo, Step afterAnswer) {
+  return RunExchange({.name = name,
+                      .service = serviceCode,
+                      .request = sendsData ? plData : nullptr,
+                      .requestCount = sendsData ? plSizeOfData : nullptr,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError,
+                      .onRequestFailure = RequestFailure::ReturnCode,
+                      .busyGuarded = true,
+                      .demo = demo,
+                      .afterAnswer = afterAnswer});
 }
 
 uint32_t Ccom::kaVGetProcessInData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
@@ -352,8 +363,9 @@ uint32_t Ccom::kaVGetDiagData(int32_t* plData, int32_t* plSizeOfData, int32_t* p
         if (!DeliverDemo(result, n, plData, plSizeOfData, plError)) return rc::kAnswerFailed;
         return std::nullopt;
       },
-      [&] {
-        if (pComPort->nLogfile == 1) RecordDiagnosis(plData, *plSizeOfData);
+      [&]() -> std::optional<uint32_t> {
+        if (port_->Tracing()) RecordDiagnosis(plData, *plSizeOfData);
+        return std::nullopt;
       });
 }
 

@@ -34,47 +34,48 @@ std::string ReadBootName(const char* key, const std::string& file) {
   return name;
 }
 
-// Stages 1 to 3, then the firmware records; the line is closed only after success.
-uint32_t RunBootChain(Ccom& com, const char* bsl, const char* setCtx, bool setCtxAlways, const char* boot,
-                      const char* firmware, int32_t* plError) {
-  com.pComPort->ChangeTimings(true);
-  uint32_t result = com.pComPort->DownloadBslFile(bsl);
+}  // namespace
+
+// --- boot loader chain -------------------------------------------------------------------------
+
+uint32_t Ccom::RunBootChain(const char* bsl, const char* setCtx, bool setCtxAlways, const char* boot,
+                            const char* firmware, int32_t* plError) {
+  port_->ChangeTimings(true);
+  uint32_t result = port_->DownloadBslFile(bsl);
   if (result == 0 && (setCtxAlways || (setCtx != nullptr && setCtx[0] != '\0'))) {
-    result = com.pComPort->DownloadSetCtxFile(setCtx);
+    result = port_->DownloadSetCtxFile(setCtx);
   }
-  if (result == 0) result = com.pComPort->DownloadBootFile(boot);
+  if (result == 0) result = port_->DownloadBootFile(boot);
   if (result != 0) {
     *plError = int32_t(result);
     return result;
   }
-  if (com.nDemo == 0) {
+  if (nDemo == 0) {
     int32_t records = 0;
-    result = com.pComPort->InitDownloadLines(firmware, &records);
-    for (int32_t i = 0; result == 0 && i < records; ++i) result = com.pComPort->DownloadLine();
+    result = port_->InitDownloadLines(firmware, &records);
+    for (int32_t i = 0; result == 0 && i < records; ++i) result = port_->DownloadLine();
     if (result != 0) {
       *plError = int32_t(result);
       return rc::kAnswerFailed;
     }
   }
-  result = com.pComPort->Close();
+  result = port_->Close();
   *plError = int32_t(result);
   return result;
 }
-
-}  // namespace
 
 // --- firmware records --------------------------------------------------------------------------
 
 uint32_t Ccom::kaVInitFirmwareDownload(const char* psFileName, int32_t* plNoofLines, int32_t* plError) {
   // The loader answers more slowly than the gateway's service layer; the longer time-out stays
   // until a method switches back.
-  pComPort->ChangeTimings(true);
+  port_->ChangeTimings(true);
   if (nDemo != 0) {
     *plError = 0;
     return 0;
   }
   int32_t records = 0;
-  const uint32_t result = pComPort->InitDownloadLines(psFileName, &records);
+  const uint32_t result = port_->InitDownloadLines(psFileName, &records);
   *plNoofLines = records;
   if (result != 0) {
     *plError = int32_t(result);
@@ -92,7 +93,7 @@ uint32_t Ccom::kaVInitFirmwareDownload(const char* psFileName, int32_t* plNoofLi
 }
 
 uint32_t Ccom::kaVDownloadFirmwareLines(int32_t* plLine, int32_t* plError) {
-  const uint32_t result = pComPort->DownloadLine();
+  const uint32_t result = port_->DownloadLine();
   *plError = int32_t(result);
   return result != 0 ? rc::kAnswerFailed : 0;
 }
@@ -103,15 +104,15 @@ uint32_t Ccom::kaVStartBootFirmwareDownload(int32_t nPort, int32_t* plBaudrate, 
   nComPort = nPort;
   nBaudrate = *plBaudrate;
   // A line that cannot be reopened shows itself in the download call that follows.
-  pComPort->Close();
-  pComPort->Open(nComPort, nBaudrate, 1);
+  port_->Close();
+  port_->Open(nComPort, nBaudrate, 1);
   *plError = 0;
   return 0;
 }
 
 uint32_t Ccom::kaVBootFirmwareDownload(const char* psBSL_File, const char* psSetCtx_File,
                                        const char* psBoot_File, const char* psFileName, int32_t* plError) {
-  return RunBootChain(*this, psBSL_File, psSetCtx_File, false, psBoot_File, psFileName, plError);
+  return RunBootChain(psBSL_File, psSetCtx_File, false, psBoot_File, psFileName, plError);
 }
 
 uint32_t Ccom::kaVBootFirmwareDownload_FromIni(int32_t* plError) {
@@ -119,16 +120,16 @@ uint32_t Ccom::kaVBootFirmwareDownload_FromIni(int32_t* plError) {
   const std::string setCtx = ReadBootName("SetCtx_File", szBootFile);
   const std::string boot = ReadBootName("Boot_File", szBootFile);
   const std::string firmware = ReadBootName("Boot_Firmware", szBootFile);
-  return RunBootChain(*this, bsl.c_str(), setCtx.c_str(), true, boot.c_str(), firmware.c_str(), plError);
+  return RunBootChain(bsl.c_str(), setCtx.c_str(), true, boot.c_str(), firmware.c_str(), plError);
 }
 
 // --- images ----------------------------------------------------------------------------------
 
 uint32_t Ccom::kaVInitImageDownload(const char* psFileName, int32_t* plStartAddress, int32_t* plNoofBlocks,
                                     int32_t* plError) {
-  pComPort->ChangeTimings(true);
+  port_->ChangeTimings(true);
   int32_t length = 0;
-  const uint32_t result = pComPort->InitDownloadImage(psFileName, &length);
+  const uint32_t result = port_->InitDownloadImage(psFileName, &length);
   if (result != 0) {
     *plError = int32_t(result);
     return 0;
@@ -143,15 +144,20 @@ uint32_t Ccom::kaVInitImageDownload(const char* psFileName, int32_t* plStartAddr
     count = 8;
   }
   int32_t scratch[kScratchValues] = {};
-  return RunExchangeMethod("kaVInitImageDownload", kServiceImageAnnounce, announcement, &count, scratch, nullptr,
-                           kScratchValues, plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVInitImageDownload",
+                      .service = kServiceImageAnnounce,
+                      .request = announcement,
+                      .requestCount = &count,
+                      .values = scratch,
+                      .capacity = kScratchValues,
+                      .error = plError});
 }
 
 uint32_t Ccom::kaVDownloadImageBlock(int32_t* plBlock, int32_t* plError) {
   uint8_t block[kImageBlockSize];
   int32_t size = kImageBlockSize;
   int32_t number = 0;
-  if (pComPort->PopDownloadImageBlock(&size, block, &number) != 0) {
+  if (port_->PopDownloadImageBlock(&size, block, &number) != 0) {
     *plError = int32_t(rc::kImageBlockFailed);
     return 0;
   }
@@ -162,14 +168,14 @@ uint32_t Ccom::kaVDownloadImageBlock(int32_t* plBlock, int32_t* plError) {
     return 0;
   }
 
-  uint32_t result = pComPort->GenerateService(kServiceImageBlock, block, &size);
+  uint32_t result = port_->GenerateService(kServiceImageBlock, block, &size);
   if (result != 0) {
     *plError = int32_t(result);
     return 0;
   }
   int32_t scratch[kScratchValues] = {};
   int32_t count = 0;
-  if (pComPort->AnswerReception(kServiceImageBlock, scratch, &count, kScratchValues) != 0) {
+  if (port_->AnswerReception(kServiceImageBlock, scratch, &count, kScratchValues) != 0) {
     *plError = int32_t(rc::kImageBlockFailed);
     return rc::kAnswerFailed;
   }
@@ -191,7 +197,7 @@ uint32_t Ccom::kaVDownloadImageBlock(int32_t* plBlock, int32_t* plError) {
 
 uint32_t Ccom::kaVCancelImageDownload(int32_t* plError) {
   int32_t length = 0;
-  pComPort->InitDownloadImage(nullptr, &length);
+  port_->InitDownloadImage(nullptr, &length);
   if (nDemo != 0) {
     TraceMethod("kaVCancelImageDownload-->");
     *plError = int32_t(rc::kDemoNoDownload);
@@ -201,8 +207,13 @@ uint32_t Ccom::kaVCancelImageDownload(int32_t* plError) {
   const int32_t announcement[4] = {};
   const int32_t count = 4;
   int32_t scratch[kScratchValues] = {};
-  return RunExchangeMethod("kaVCancelImageDownload", kServiceImageAnnounce, announcement, &count, scratch, nullptr,
-                           kScratchValues, plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVCancelImageDownload",
+                      .service = kServiceImageAnnounce,
+                      .request = announcement,
+                      .requestCount = &count,
+                      .values = scratch,
+                      .capacity = kScratchValues,
+                      .error = plError});
 }
 
 }  // namespace tamrik

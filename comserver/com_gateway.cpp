@@ -30,81 +30,7 @@ uint32_t Halves(int32_t high, int32_t low) { return uint32_t(high) * 65536u + ui
 
 }  // namespace
 
-uint32_t Ccom::RunExchangeMethod(const char* name, uint32_t serviceCode, const void* requestData,
-                                 const int32_t* requestCount, int32_t* values, int32_t* count,
-                                 size_t capacity, int32_t* error, RequestFailure onRequestFailure,
-                                 DemoStep demo, FunctionRef<void()> afterAnswer) {
-  AnswerOverflow overflow = AnswerOverflow::Truncate;
-  if (capacity == kCallerCapacity) {
-    if (!CallerRoom(count, error, &capacity)) return rc::kBadArgument;
-    overflow = Overflow();
-  }
-  TraceMethodFormat("%s-->", name);
-  if (nDemo == 1) {
-    if (demo) {
-      if (const std::optional<uint32_t> early = demo()) return *early;
-    }
-  } else if (nDemo == 0) {
-    int32_t work = 0;
-    int32_t workCount = 0;
-    if (values == nullptr) {
-      values = &work;
-      capacity = 1;
-    }
-    uint32_t methodReturn = 0;
-    if (!Exchange(serviceCode, requestData, requestCount, values, count != nullptr ? count : &workCount, capacity,
-                  error, onRequestFailure, &methodReturn, overflow)) {
-      return methodReturn;
-    }
-    if (afterAnswer) afterAnswer();
-  }
-  TraceMethodFormat("%s<--", name);
-  *error = 0;
-  return 0;
-}
-
 // --- identity strings ----------------------------------------------------------------------
-
-uint32_t Ccom::StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
-                            int32_t* error) {
-  size_t room = 0;
-  if (!CallerRoom(size, error, &room)) return rc::kBadArgument;
-  // Whether a text of n characters may be delivered; when not, the count tells what it needed.
-  auto fits = [&](size_t n) {
-    if (n <= room) return true;
-    *size = int32_t(n);
-    *error = int32_t(rc::kAnswerTooLong);
-    return false;
-  };
-  TraceMethodFormat("%s-->", name);
-  if (nDemo == 1 && demoKey != nullptr) {
-    // The count on entry is the caller's buffer size, terminating zero included. A host of the
-    // C interface states its capacity instead, and a longer text fails rather than being cut.
-    const int32_t demoRoom = countIsCapacity_ ? kMaxDemoText : std::clamp(*size, 0, kMaxDemoText);
-    const std::string value = DemoText(kStation, demoKey, uint32_t(demoRoom));
-    if (!fits(value.size())) return rc::kAnswerFailed;
-    // Texts go to the host without a terminating zero; the count tells their length.
-    memcpy(text, value.data(), value.size());  // NOLINT(bugprone-not-null-terminated-result)
-    *size = int32_t(value.size());
-  } else if (nDemo == 0) {
-    int32_t work[kStringCapacity] = {};
-    int32_t count = 0;
-    uint32_t methodReturn = 0;
-    if (!Exchange(serviceCode, nullptr, nullptr, work, &count, kStringCapacity, error, RequestFailure::ReturnZero,
-                  &methodReturn)) {
-      return methodReturn;
-    }
-    // An answer of a code that delivers nothing still reports its length; never more than
-    // the work buffer holds.
-    count = std::clamp(count, 0, int32_t(kStringCapacity));
-    if (!fits(size_t(count))) return rc::kAnswerFailed;
-    for (int32_t i = 0; i < count; ++i) text[i] = char(work[i]);
-    *size = count;
-  }
-  TraceMethodFormat("%s<--", name);
-  *error = 0;
-  return 0;
-}
 
 uint32_t Ccom::kaVGetGatewayIdSring(char* psDataa, int32_t* plSizeOfData, int32_t* plError) {
   return StringMethod("kaVGetGatewayIdSring", kServiceGatewayIdString, "GWIdString", psDataa, plSizeOfData, plError);
@@ -123,112 +49,147 @@ uint32_t Ccom::kaVGetGatewayVersionString(char* psGWVersionString, int32_t* plSi
 // --- versions, switches, mode ----------------------------------------------------------------
 
 uint32_t Ccom::kaVGetGatewayVersion(int32_t* plData, int32_t* plError) {
-  // The answer fills the two low bytes; the caller's upper bytes stay.
-  return RunExchangeMethod("kavGetGatewayVersion", kServiceGatewayVersion, nullptr, nullptr, plData, nullptr, 1,
-                           plError, RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
-                             *plData = DemoInt(kStation, "GWVersion");
-                             return std::nullopt;
-                           });
+  // The answer fills the two low bytes; the caller's upper bytes stay. The trace has always
+  // named this method with a lower-case v, and log filters written against it look for that.
+  return RunExchange({.name = "kavGetGatewayVersion",
+                      .service = kServiceGatewayVersion,
+                      .values = plData,
+                      .capacity = 1,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        *plData = DemoInt(kStation, "GWVersion");
+                        return std::nullopt;
+                      }});
 }
 
 uint32_t Ccom::kaVGetGatewayBootVersion(int32_t* plData, int32_t* plError) {
-  return RunExchangeMethod("kaVGetGatewayBootVersion", kServiceBootVersion, nullptr, nullptr, plData, nullptr, 1,
-                           plError, RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
-                             *plData = DemoInt(kStation, "GWBootVersion");
-                             return std::nullopt;
-                           });
+  return RunExchange({.name = "kaVGetGatewayBootVersion",
+                      .service = kServiceBootVersion,
+                      .values = plData,
+                      .capacity = 1,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        *plData = DemoInt(kStation, "GWBootVersion");
+                        return std::nullopt;
+                      }});
 }
 
 uint32_t Ccom::kaVGetCurrentGwSwitches(int32_t* plSwitch, int32_t* plError) {
-  return RunExchangeMethod("kaVGetCurrentGwSwitches", kServiceSwitches, nullptr, nullptr, plSwitch, nullptr, 1,
-                           plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVGetCurrentGwSwitches",
+                      .service = kServiceSwitches,
+                      .values = plSwitch,
+                      .capacity = 1,
+                      .error = plError});
 }
 
 uint32_t Ccom::kaVGetGatewayOperationMode(int32_t* plOPMode, int32_t* plError) {
-  return RunExchangeMethod("kaVGetGatewayOperationMode", kServiceGetOperationMode, nullptr, nullptr, plOPMode,
-                           nullptr, 1, plError, RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
-                             *plOPMode = DemoInt(kStation, "GWOPMode");
-                             return std::nullopt;
-                           });
+  return RunExchange({.name = "kaVGetGatewayOperationMode",
+                      .service = kServiceGetOperationMode,
+                      .values = plOPMode,
+                      .capacity = 1,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        *plOPMode = DemoInt(kStation, "GWOPMode");
+                        return std::nullopt;
+                      }});
 }
 
 uint32_t Ccom::kaVSetGatewayOperationMode(int32_t* plOPMode, int32_t* plError) {
-  pComPort->ChangeTimings(false);
-  return RunExchangeMethod("kaVSetGatewayOperationMode", kServiceSetOperationMode, plOPMode, nullptr, plOPMode,
-                           nullptr, 1, plError, RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
-                             // The demonstration gateway knows the modes 1 and 2 only.
-                             if (*plOPMode == 1 || *plOPMode == 2) {
-                               DemoWrite(kStation, "GWOPMode", std::to_string(*plOPMode));
-                             }
-                             return std::nullopt;
-                           });
+  port_->ChangeTimings(false);
+  return RunExchange({.name = "kaVSetGatewayOperationMode",
+                      .service = kServiceSetOperationMode,
+                      .request = plOPMode,
+                      .values = plOPMode,
+                      .capacity = 1,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        // The demonstration gateway knows the modes 1 and 2 only.
+                        if (*plOPMode == 1 || *plOPMode == 2) {
+                          DemoWrite(kStation, "GWOPMode", std::to_string(*plOPMode));
+                        }
+                        return std::nullopt;
+                      }});
 }
 
 // --- identifier, station address, clock --------------------------------------------------------
 
 uint32_t Ccom::kaVGetGatewayId(int32_t* plGatewayId, int32_t* plError) {
-  pComPort->ChangeTimings(false);
-  return RunExchangeMethod("kaVGetGatewayId", kServiceGatewayId, nullptr, nullptr, plGatewayId, nullptr, 1, plError,
-                           RequestFailure::ReturnZero, [&]() -> std::optional<uint32_t> {
-                             const std::string id = DemoText(kStation, "GatewayId", 10);
-                             if (id.size() != 8) {
-                               *plError = int32_t(rc::kDemoBadGatewayId);
-                               return 0;
-                             }
-                             *plGatewayId = int32_t(LeadingHex(id.c_str()));
-                             return std::nullopt;
-                           });
+  port_->ChangeTimings(false);
+  return RunExchange({.name = "kaVGetGatewayId",
+                      .service = kServiceGatewayId,
+                      .values = plGatewayId,
+                      .capacity = 1,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        const std::string id = DemoText(kStation, "GatewayId", 10);
+                        if (id.size() != 8) {
+                          *plError = int32_t(rc::kDemoBadGatewayId);
+                          return 0;
+                        }
+                        *plGatewayId = int32_t(LeadingHex(id.c_str()));
+                        return std::nullopt;
+                      }});
 }
 
 uint32_t Ccom::kaVGetStationAddress(int32_t* plAddress, int32_t* plError) {
   int32_t work[kStationAddressCapacity] = {};
   int32_t count = 0;
-  return RunExchangeMethod(
-      "kaVGetStationAddress", kServiceStationAddress, nullptr, nullptr, work, &count, kStationAddressCapacity, plError,
-      RequestFailure::ReturnZero,
-      [&]() -> std::optional<uint32_t> {
-        *plAddress = DemoInt(kStation, "GWStationAddress");
-        return std::nullopt;
-      },
-      [&] {
-        // One byte is a short address; four or more give a long one. Anything else is no address.
-        if (count == 1) {
-          *plAddress = uint8_t(work[0]);
-        } else if (count >= 4) {
-          *plAddress = int32_t(uint32_t(uint8_t(work[0])) | (uint32_t(uint8_t(work[1])) << 8) |
-                               (uint32_t(uint8_t(work[2])) << 16) | (uint32_t(uint8_t(work[3])) << 24));
-        }
-      });
+  return RunExchange({.name = "kaVGetStationAddress",
+                      .service = kServiceStationAddress,
+                      .values = work,
+                      .count = &count,
+                      .capacity = kStationAddressCapacity,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        *plAddress = DemoInt(kStation, "GWStationAddress");
+                        return std::nullopt;
+                      },
+                      .afterAnswer = [&]() -> std::optional<uint32_t> {
+                        // One byte is a short address; four or more give a long one. Anything else is no address.
+                        if (count == 1) {
+                          *plAddress = uint8_t(work[0]);
+                        } else if (count >= 4) {
+                          *plAddress = int32_t(uint32_t(uint8_t(work[0])) | (uint32_t(uint8_t(work[1])) << 8) |
+                                               (uint32_t(uint8_t(work[2])) << 16) | (uint32_t(uint8_t(work[3])) << 24));
+                        }
+                        return std::nullopt;
+                      }});
 }
 
 uint32_t Ccom::kaVSetStationAddress(int32_t* plAddress, int32_t* plError) {
-  return RunExchangeMethod("kaVSetStationAddress", kServiceSetStationAddress, plAddress, nullptr, plAddress, nullptr,
-                           1, plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVSetStationAddress",
+                      .service = kServiceSetStationAddress,
+                      .request = plAddress,
+                      .values = plAddress,
+                      .capacity = 1,
+                      .error = plError});
 }
 
 uint32_t Ccom::kaVGetGatewayTime(int32_t* lDays, int32_t* lHours, int32_t* lMinutes, int32_t* lSeconds,
                                  int32_t* plError) {
   int32_t parts[4] = {};
-  const auto deliver = [&] {
+  const auto deliver = [&]() -> std::optional<uint32_t> {
     *lDays = parts[0];
     *lHours = parts[1];
     *lMinutes = parts[2];
     *lSeconds = parts[3];
+    return std::nullopt;
   };
-  return RunExchangeMethod(
-      "kaVGetGatewayTime", kServiceGatewayTime, nullptr, nullptr, parts, nullptr, 4, plError,
-      RequestFailure::ReturnZero,
-      [&]() -> std::optional<uint32_t> {
-        const protocol::MillisecondParts t =
-            protocol::MillisecondSplit(Halves(DemoInt(kStation, "TimeA"), DemoInt(kStation, "TimeB")));
-        parts[0] = int32_t(t.days);
-        parts[1] = int32_t(t.hours);
-        parts[2] = int32_t(t.minutes);
-        parts[3] = int32_t(t.seconds);
-        deliver();
-        return std::nullopt;
-      },
-      deliver);
+  return RunExchange({.name = "kaVGetGatewayTime",
+                      .service = kServiceGatewayTime,
+                      .values = parts,
+                      .capacity = 4,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        const protocol::MillisecondParts t =
+                            protocol::MillisecondSplit(Halves(DemoInt(kStation, "TimeA"), DemoInt(kStation, "TimeB")));
+                        parts[0] = int32_t(t.days);
+                        parts[1] = int32_t(t.hours);
+                        parts[2] = int32_t(t.minutes);
+                        parts[3] = int32_t(t.seconds);
+                        return deliver();
+                      },
+                      .afterAnswer = deliver});
 }
 
 // --- error list ------------------------------------------------------------------------------
@@ -261,14 +222,14 @@ uint32_t Ccom::kaVGetGatewayErrorList(int32_t* plEntrys, int32_t* plErrorData, i
       record[6] = int32_t(d.milliseconds);
     }
   } else if (nDemo == 0) {
-    uint32_t result = pComPort->GenerateService(kServiceErrorList, nullptr, nullptr);
+    uint32_t result = port_->GenerateService(kServiceErrorList, nullptr, nullptr);
     if (result != 0) {
       *plError = int32_t(result);
       return 0;
     }
     std::fill_n(plErrorData, capacity, 0);
     int32_t entries = 0;
-    result = pComPort->AnswerReception(kServiceErrorList, plErrorData, &entries, size_t(capacity), Overflow());
+    result = port_->AnswerReception(kServiceErrorList, plErrorData, &entries, size_t(capacity), Overflow());
     // A list that does not fit tells the room it needs through the buffer's size, which is
     // where the caller stated the room it had.
     if (result == rc::kAnswerTooLong) *plSizeOfErrBuf = entries;
@@ -287,64 +248,84 @@ uint32_t Ccom::kaVGetGatewayErrorList(int32_t* plEntrys, int32_t* plErrorData, i
 
 uint32_t Ccom::kaVGetModulIdStatusList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
   // Values stay whole: identifier in the upper three bytes, status in the lowest.
-  return RunExchangeMethod("kaVGetModulIdStatusList", kServiceModuleList, nullptr, nullptr, plData, plSizeOfData,
-                           kCallerCapacity, plError, RequestFailure::ReturnZero,
-                           [&]() -> std::optional<uint32_t> {
-                             if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
-                             return std::nullopt;
-                           });
+  return RunExchange({.name = "kaVGetModulIdStatusList",
+                      .service = kServiceModuleList,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError,
+                      .demo = [&]() -> std::optional<uint32_t> {
+                        if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
+                        return std::nullopt;
+                      }});
 }
 
 uint32_t Ccom::kaVGetModuleSWRev(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchangeMethod("kaVGetModuleSWRev", kServiceModuleSWRev, nullptr, nullptr, plData, plSizeOfData,
-                           kCallerCapacity, plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVGetModuleSWRev",
+                      .service = kServiceModuleSWRev,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError});
 }
 
 uint32_t Ccom::kaVGetModuleTyp(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchangeMethod("kaVGetModuleTyp", kServiceModuleTyp, nullptr, nullptr, plData, plSizeOfData,
-                           kCallerCapacity, plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVGetModuleTyp",
+                      .service = kServiceModuleTyp,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError});
 }
 
 uint32_t Ccom::kavGetBootFctsHwInfo(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchangeMethod("kavGetBootFctsHwInfo", kServiceBootFctsHwInfo, nullptr, nullptr, plData, plSizeOfData,
-                           kCallerCapacity, plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kavGetBootFctsHwInfo",
+                      .service = kServiceBootFctsHwInfo,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError});
 }
 
 // --- TR buffer -------------------------------------------------------------------------------
 
 uint32_t Ccom::kaVGetTRBuffer(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  if (!EnterBusy()) return rc::kBusy;
-  BusyRelease release{this};
-  return RunExchangeMethod("kaVGetTRBuffer", kServiceGetTRBuffer, nullptr, nullptr, plData, plSizeOfData,
-                           kCallerCapacity, plError, RequestFailure::ReturnCode);
+  return RunExchange({.name = "kaVGetTRBuffer",
+                      .service = kServiceGetTRBuffer,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError,
+                      .onRequestFailure = RequestFailure::ReturnCode,
+                      .busyGuarded = true});
 }
 
 uint32_t Ccom::kaVClearTRBuffer(int32_t* plError) {
-  return RunExchangeMethod("kaVClearTRBuffer", kServiceClearTRBuffer, nullptr, nullptr, nullptr, nullptr, 0, plError,
-                           RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVClearTRBuffer", .service = kServiceClearTRBuffer, .error = plError});
 }
 
 // --- control ---------------------------------------------------------------------------------
 
 uint32_t Ccom::kaVExecHardwareReset(int32_t* plError) {
-  pComPort->ChangeTimings(false);
-  return RunExchangeMethod("kaVExecHardwareReset", kServiceHardwareReset, nullptr, nullptr, nullptr, nullptr, 0,
-                           plError, RequestFailure::ReturnZero);
+  port_->ChangeTimings(false);
+  return RunExchange({.name = "kaVExecHardwareReset", .service = kServiceHardwareReset, .error = plError});
 }
 
 uint32_t Ccom::kaVGatewayFbiReset(int32_t* plError) {
-  return RunExchangeMethod("kaVGatewayFbiReset", kServiceFbiReset, nullptr, nullptr, nullptr, nullptr, 0, plError,
-                           RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVGatewayFbiReset", .service = kServiceFbiReset, .error = plError});
 }
 
 uint32_t Ccom::kaVGatewayFbiStart(int32_t* plError) {
-  return RunExchangeMethod("kaVGatewayFbiStart", kServiceFbiStart, nullptr, nullptr, nullptr, nullptr, 0, plError,
-                           RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVGatewayFbiStart", .service = kServiceFbiStart, .error = plError});
 }
 
 uint32_t Ccom::kaVSetGatewayLeds(int32_t* LEDStatus, int32_t* plError) {
-  return RunExchangeMethod("kaVSetGatewayLeds", kServiceLeds, LEDStatus, nullptr, LEDStatus, nullptr, 1, plError,
-                           RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVSetGatewayLeds",
+                      .service = kServiceLeds,
+                      .request = LEDStatus,
+                      .values = LEDStatus,
+                      .capacity = 1,
+                      .error = plError});
 }
 
 }  // namespace tamrik

@@ -42,14 +42,14 @@ uint32_t Ccom::kavEnterPrivilegedMode(const char* psClientDescription, int32_t* 
   TraceMethod("kavEnterPrivilegedMode-->");
   if (nDemo == 0) {
     if (bNewPrivilegedExchange.load()) {
-      uint32_t result = pComPort->GenerateService(kServiceChallenge, nullptr, nullptr);
+      uint32_t result = port_->GenerateService(kServiceChallenge, nullptr, nullptr);
       if (result != 0) {
         *plError = int32_t(result);
         return 0;
       }
       int32_t challenge = 0;
       int32_t count = 0;
-      result = pComPort->ReceiveClock(kServiceChallenge, &challenge, &count, 1);
+      result = port_->ReceiveClock(kServiceChallenge, &challenge, &count, 1);
       if (result != 0) {
         *plError = int32_t(result);
         return rc::kAnswerFailed;
@@ -59,7 +59,7 @@ uint32_t Ccom::kavEnterPrivilegedMode(const char* psClientDescription, int32_t* 
       const int32_t length =
           CComPort::BuildPrivilegedStream(uint32_t(challenge), psClientDescription, abyPrivilegedBits, stream);
       TraceMethod("kavEnterPrivilegedMode--> Stream:");
-      result = pComPort->GenerateService(kServicePrivilegedRequest, stream, &length);
+      result = port_->GenerateService(kServicePrivilegedRequest, stream, &length);
       if (result != 0) {
         *plError = int32_t(result);
         return 0;
@@ -67,7 +67,7 @@ uint32_t Ccom::kavEnterPrivilegedMode(const char* psClientDescription, int32_t* 
     }
     int32_t work = 0;
     int32_t count = 0;
-    const uint32_t c = pComPort->AnswerReception(kServicePrivilegedRequest, &work, &count, 1);
+    const uint32_t c = port_->AnswerReception(kServicePrivilegedRequest, &work, &count, 1);
     if (c != 0) {
       TraceMethodFormat("kavEnterPrivilegedMode<-- ERROR: %d", int32_t(c));
       if (c == rc::kNoDataYet) {
@@ -94,8 +94,11 @@ uint32_t Ccom::kavEnterPrivilegedMode(const char* psClientDescription, int32_t* 
 }
 
 uint32_t Ccom::kaVGetPrivilegedChannel(int32_t* plChannelId, int32_t* plError) {
-  return RunExchangeMethod("kaVGetPrivilegedChannel", kServicePrivilegedChannel, nullptr, nullptr, plChannelId,
-                           nullptr, 1, plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVGetPrivilegedChannel",
+                      .service = kServicePrivilegedChannel,
+                      .values = plChannelId,
+                      .capacity = 1,
+                      .error = plError});
 }
 
 uint32_t Ccom::kavGetPrivilegedName(char* psName, int32_t* plSizeOfData, int32_t* plError) {

@@ -33,7 +33,7 @@ uint32_t Ccom::kaVTestBlockRead(int32_t* plData, int32_t* plSizeOfData, int32_t*
   }
   // Bytes that no read sets (demonstration mode, a failed or short read) arrive as 0.
   std::vector<uint8_t> buffer(size_t(size), 0);
-  if (nDemo == 0) *plError = int32_t(pComPort->ReadStream(buffer.data(), size));
+  if (nDemo == 0) *plError = int32_t(port_->ReadStream(buffer.data(), size));
   // The bytes reach the host sign-extended, as hosts of this method have always read them.
   for (int32_t i = 0; i < size; ++i) plData[i] = int8_t(buffer[size_t(i)]);  // NOLINT(bugprone-signed-char-misuse)
   return 0;
@@ -48,42 +48,58 @@ uint32_t Ccom::kaVTestBlockWrite(int32_t* plData, int32_t* plSizeOfData, int32_t
   }
   std::vector<uint8_t> buffer(static_cast<size_t>(size));
   for (int32_t i = 0; i < size; ++i) buffer[size_t(i)] = uint8_t(plData[i]);
-  *plError = int32_t(pComPort->WriteStream(buffer.data(), size));
+  *plError = int32_t(port_->WriteStream(buffer.data(), size));
   return 0;
 }
 
 // --- service monitoring ----------------------------------------------------------------------
 
 uint32_t Ccom::kaVSrvMbResetMonitoring(int32_t* plError) {
-  return RunExchangeMethod("kaVSrvMbResetMonitoring", kServiceMonitorReset, nullptr, nullptr, nullptr, nullptr, 0,
-                           plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVSrvMbResetMonitoring", .service = kServiceMonitorReset, .error = plError});
 }
 
 uint32_t Ccom::kaVSrvMbStartMonitoring(int32_t* plError) {
-  return RunExchangeMethod("tamrikSrvMbStartMonitoring", kServiceMonitorStart, nullptr, nullptr, nullptr, nullptr, 0,
-                           plError, RequestFailure::ReturnZero);
+  // Its traces have always carried this name rather than the method's own; tools that read
+  // the trace know it by it.
+  return RunExchange({.name = "tamrikSrvMbStartMonitoring", .service = kServiceMonitorStart, .error = plError});
 }
 
 uint32_t Ccom::kaVSrvMbStopMonitoring(int32_t* plError) {
-  return RunExchangeMethod("kaVSrvMbStopMonitoring", kServiceMonitorStop, nullptr, nullptr, nullptr, nullptr, 0,
-                           plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVSrvMbStopMonitoring", .service = kServiceMonitorStop, .error = plError});
 }
 
 uint32_t Ccom::kaVSrvGetFirstDataFrame(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchangeMethod("kaVSrvGetFirstDataFrame", kServiceFirstDataFrame, plData, plSizeOfData, plData,
-                           plSizeOfData, kCallerCapacity, plError, RequestFailure::ReturnCode);
+  return RunExchange({.name = "kaVSrvGetFirstDataFrame",
+                      .service = kServiceFirstDataFrame,
+                      .request = plData,
+                      .requestCount = plSizeOfData,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError,
+                      .onRequestFailure = RequestFailure::ReturnCode});
 }
 
 uint32_t Ccom::kaVSrvGetNextDataFrame(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchangeMethod("kaVSrvGetNextDataFrame", kServiceNextDataFrame, plData, plSizeOfData, plData,
-                           plSizeOfData, kCallerCapacity, plError, RequestFailure::ReturnCode);
+  return RunExchange({.name = "kaVSrvGetNextDataFrame",
+                      .service = kServiceNextDataFrame,
+                      .request = plData,
+                      .requestCount = plSizeOfData,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError,
+                      .onRequestFailure = RequestFailure::ReturnCode});
 }
 
 // --- DeviceNet -------------------------------------------------------------------------------
 
 uint32_t Ccom::kaVSrvDNetGetEEPDNetSerialNumber(int32_t* lSerialNumber, int32_t* Error) {
-  return RunExchangeMethod("kaVSrvDNetGetEEPDNetSerialNumber", kServiceDNetSerialNumber, nullptr, nullptr,
-                           lSerialNumber, nullptr, 1, Error, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVSrvDNetGetEEPDNetSerialNumber",
+                      .service = kServiceDNetSerialNumber,
+                      .values = lSerialNumber,
+                      .capacity = 1,
+                      .error = Error});
 }
 
 uint32_t Ccom::kaVSrvDNetGetEEPToolIdent(char* psIdentName, int32_t* plSizeOfData, int32_t* Error) {
@@ -91,13 +107,27 @@ uint32_t Ccom::kaVSrvDNetGetEEPToolIdent(char* psIdentName, int32_t* plSizeOfDat
 }
 
 uint32_t Ccom::kaVSrvDNetGetClassInstAttr(int32_t* plData, int32_t* plSizeOfData, int32_t* Error) {
-  return RunExchangeMethod("kaVSrvDNetGetClassInstAttr", kServiceDNetGetAttribute, plData, plSizeOfData, plData,
-                           plSizeOfData, kCallerCapacity, Error, RequestFailure::ReturnCode);
+  return RunExchange({.name = "kaVSrvDNetGetClassInstAttr",
+                      .service = kServiceDNetGetAttribute,
+                      .request = plData,
+                      .requestCount = plSizeOfData,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = Error,
+                      .onRequestFailure = RequestFailure::ReturnCode});
 }
 
 uint32_t Ccom::kaVSrvDNetSetClassInstAttr(int32_t* plData, int32_t* plSizeOfData, int32_t* Error) {
-  return RunExchangeMethod("kaVSrvDNetSetClassInstAttr", kServiceDNetSetAttribute, plData, plSizeOfData, plData,
-                           plSizeOfData, kCallerCapacity, Error, RequestFailure::ReturnCode);
+  return RunExchange({.name = "kaVSrvDNetSetClassInstAttr",
+                      .service = kServiceDNetSetAttribute,
+                      .request = plData,
+                      .requestCount = plSizeOfData,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = Error,
+                      .onRequestFailure = RequestFailure::ReturnCode});
 }
 
 // --- the driver's memory area ------------------------------------------------------------------
@@ -133,8 +163,7 @@ uint32_t Ccom::kaVDoService(int32_t* service, uint8_t* plData, int32_t* plSizeOf
   if (*service == kPollingSwitch) {
     // From now on socket reads return at once when no answer has begun to arrive, and the
     // host calls again to collect it.
-    pComPort->bPolling = 1;
-    pComPort->bWriteActive = 0;
+    port_->SwitchToPolling();
     *service |= protocol::kAnswerBit;
     return 0;
   }
@@ -148,7 +177,7 @@ uint32_t Ccom::kaVDoService(int32_t* service, uint8_t* plData, int32_t* plSizeOf
       *plError = int32_t(rc::kBadArgument);
       return 0;
     }
-    uint32_t result = pComPort->GenerateService(rawCode, plData, plSizeOfSendData);
+    uint32_t result = port_->GenerateService(rawCode, plData, plSizeOfSendData);
     if (result != 0) {
       *plError = int32_t(result);
       return 0;
@@ -156,7 +185,7 @@ uint32_t Ccom::kaVDoService(int32_t* service, uint8_t* plData, int32_t* plSizeOf
     const size_t capacity = size_t(std::clamp(*plSizeOfRecData, 0, kMaxBlock));
     std::vector<int32_t> values(capacity);
     int32_t count = 0;
-    result = pComPort->AnswerReception(rawCode, values.data(), &count, capacity, Overflow());
+    result = port_->AnswerReception(rawCode, values.data(), &count, capacity, Overflow());
     if (result == rc::kAnswerTooLong) {
       TraceMethod("kaVDoService<--");
       *plSizeOfRecData = count;

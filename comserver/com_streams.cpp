@@ -15,29 +15,33 @@ constexpr int32_t kMaxSegmentLength = 19;  // data values after the header in on
 constexpr int32_t kMaxStreamData = 127;
 constexpr int32_t kSegmentBuffer = kMaxSegmentLength + 1;
 constexpr int32_t kPositionValues = 2;
+static_assert(kPositionValues == 2, "the entry trace of kaVSetModuleStreamDataPosition names this count");
 
 }  // namespace
 
 uint32_t Ccom::kaVGetModuleStreamDataSizeList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchangeMethod("kaVGetModuleStreamDataSizeList", kServiceStreamSizeList, nullptr, nullptr, plData,
-                           plSizeOfData, kCallerCapacity, plError, RequestFailure::ReturnZero);
+  return RunExchange({.name = "kaVGetModuleStreamDataSizeList",
+                      .service = kServiceStreamSizeList,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = plError});
 }
 
 uint32_t Ccom::kaVSetModuleStreamDataPosition(int32_t* plData, int32_t* plError) {
-  TraceMethodFormat("DL: %X kaVSetModuleStreamDataPosition-->", uint32_t(kPositionValues));
-  if (nDemo == 0) {
-    // The caller's array is known to hold the two request values; the answer gets no more.
-    const int32_t requestCount = kPositionValues;
-    int32_t count = 0;
-    uint32_t methodReturn = 0;
-    if (!Exchange(kServiceStreamPosition, plData, &requestCount, plData, &count, kPositionValues, plError,
-                  RequestFailure::ReturnZero, &methodReturn)) {
-      return methodReturn;
-    }
-  }
-  TraceMethod("kaVSetModuleStreamDataPosition<--");
-  *plError = 0;
-  return 0;
+  // The caller's array is known to hold the two request values; the answer gets no more.
+  const int32_t requestCount = kPositionValues;
+  int32_t count = 0;
+  return RunExchange({.name = "kaVSetModuleStreamDataPosition",
+                      // The entry line has always carried the request's value count in front.
+                      .entryTrace = "DL: 2 kaVSetModuleStreamDataPosition-->",
+                      .service = kServiceStreamPosition,
+                      .request = plData,
+                      .requestCount = &requestCount,
+                      .values = plData,
+                      .count = &count,
+                      .capacity = kPositionValues,
+                      .error = plError});
 }
 
 uint32_t Ccom::kaVSetModuleStreamSegmentData(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
@@ -68,14 +72,14 @@ uint32_t Ccom::kaVSetModuleStreamSegmentData(int32_t* plData, int32_t* plSizeOfD
       std::copy_n(data + next, take, segment + 1);
       next += take;
       const int32_t requestCount = take + 1;
-      uint32_t result = pComPort->GenerateService(kServiceStreamSegment, segment, &requestCount);
+      uint32_t result = port_->GenerateService(kServiceStreamSegment, segment, &requestCount);
       if (result != 0) {
         *plError = int32_t(result);
         return result;
       }
       platform::SleepMs(uint32_t(pause));
       int32_t count = 0;
-      result = pComPort->AnswerReception(kServiceStreamSegment, segment, &count, kSegmentBuffer);
+      result = port_->AnswerReception(kServiceStreamSegment, segment, &count, kSegmentBuffer);
       if (result != 0) {
         *plError = int32_t(result);
         return rc::kAnswerFailed;

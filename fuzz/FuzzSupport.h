@@ -15,6 +15,7 @@
 #include <string>
 
 #include "ComPort2.h"
+#include "common/TestPeers.h"
 #include "platform/Platform.h"
 
 namespace tamrik::fuzz {
@@ -44,10 +45,8 @@ class StreamPort {
     shutdown(fds[1], SHUT_WR);
     peer_ = fds[1];
     port_ = std::make_unique<CComPort>();
-    port_->hSocket = fds[0];
-    port_->bSocketMode = 1;
-    port_->nLogfile = trace ? 1 : 0;
-    platform::SocketSetNonBlocking(port_->hSocket);
+    port_->SetTracing(trace);
+    CComPortTestPeer::AdoptStreamSocket(*port_, fds[0]);
   }
   ~StreamPort() {
     port_.reset();  // closes its socket

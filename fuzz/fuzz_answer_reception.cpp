@@ -27,8 +27,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t capacity = data[2] == 255 ? 70000 : data[2];
   tamrik::fuzz::StreamPort stream(data + 3, size - 3, (selector & 4) != 0);
   tamrik::CComPort& port = stream.port();
-  port.bPolling = selector & 1;
-  port.bWriteActive = (selector >> 1) & 1;
+  tamrik::ExchangeState& exchange = tamrik::CComPortTestPeer::Exchange(port);
+  if ((selector & 1) != 0) exchange.SwitchToPolling();
+  if (((selector >> 1) & 1) != 0) exchange.Written();
 
   // Guard values around the caller's buffer show any write beyond its capacity.
   constexpr int32_t kGuard = 0x6D6D6D6D;

@@ -175,7 +175,7 @@ TAMRIK_API const char* tamrik_result_text(uint32_t code) { return tamrik::Static
 
 TAMRIK_API uint32_t tamrik_get_stats(const tamrik_com* com, tamrik_stats* stats) {
   if (com == nullptr || stats == nullptr || stats->struct_size < sizeof(tamrik_stats)) return tamrik::rc::kBadArgument;
-  CopyStats(com->driver.pComPort->Stats(), stats);
+  CopyStats(com->driver.Stats(), stats);
   return 0;
 }
 

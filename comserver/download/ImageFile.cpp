@@ -1,6 +1,4 @@
 // The image file: any binary file, taken in blocks for the image services.
-#include <sys/types.h>
-
 #include <cstdint>
 #include <cstdio>
 
@@ -20,72 +18,62 @@ constexpr int32_t kLastBlock = -1;
 // in signed 32-bit arithmetic; a longer image could be announced only wrongly.
 constexpr int64_t kMaxImageLength = INT32_MAX - 255;
 
-int64_t FileLength(FILE* file) {
-#if defined(_WIN32)
-  if (_fseeki64(file, 0, SEEK_END) != 0) return -1;
-  return _ftelli64(file);
-#else
-  if (fseeko(file, 0, SEEK_END) != 0) return -1;
-  return int64_t(ftello(file));
-#endif
-}
-
 }  // namespace
 
 uint32_t CComPort::InitDownloadImage(const char* path, int32_t* length) {
-  nLoadCount = 1;
-  nLoadIndex = 1;
-  nLoadPosition = 0;
-  download::CloseLoadStream(*this);
+  load_.count = 1;
+  load_.index = 1;
+  load_.position = 0;
+  load_.file.reset();
   if (length != nullptr) *length = 0;
   if (path == nullptr) return rc::kOk;
   FILE* file = fopen(path, "rb");
   if (file == nullptr) return download::kNoFile;
   // Left at its end: the first block rewinds it.
-  const int64_t size = FileLength(file);
+  const int64_t size = platform::FileLength(file);
   if (size < 0 || size > kMaxImageLength) {
     fclose(file);
     return download::kNoFile;
   }
-  pfLoadStream = file;
+  load_.file.reset(file);
   if (length != nullptr) *length = int32_t(size);
   return rc::kOk;
 }
 
 uint32_t CComPort::PopDownloadImageBlock(int32_t* size, uint8_t* buffer, int32_t* blockNumber) {
-  if (pfLoadStream == nullptr) {
+  if (load_.file == nullptr) {
     platform::ShowMessageBox(kBoxCaption, "Error(1) pfLoadStream==NULL");
     return download::kNoFile;
   }
-  if (nLoadIndex == 1) rewind(pfLoadStream);
+  if (load_.index == 1) rewind(load_.file.get());
   const size_t wanted = *size > 0 ? size_t(*size) : 0;
-  const size_t got = fread(buffer, 1, wanted, pfLoadStream);
+  const size_t got = fread(buffer, 1, wanted, load_.file.get());
   *size = int32_t(got);
-  *blockNumber = int32_t(nLoadIndex);
-  ++nLoadIndex;
-  if (ferror(pfLoadStream)) {
-    download::CloseLoadStream(*this);
+  *blockNumber = int32_t(load_.index);
+  ++load_.index;
+  if (ferror(load_.file.get())) {
+    load_.file.reset();
     platform::ShowMessageBox(kBoxCaption, "Error(2) ftell() ");
     return download::kFileRefused;
   }
-  if (feof(pfLoadStream)) {
+  if (feof(load_.file.get())) {
     *blockNumber = kLastBlock;
-    download::CloseLoadStream(*this);
+    load_.file.reset();
     return rc::kOk;
   }
   // A block that fills its buffer exactly may still be the last: one byte of look-ahead
   // tells, so that no empty block ever follows a full one.
-  const int next = fgetc(pfLoadStream);
-  if (ferror(pfLoadStream)) {
-    download::CloseLoadStream(*this);
+  const int next = fgetc(load_.file.get());
+  if (ferror(load_.file.get())) {
+    load_.file.reset();
     platform::ShowMessageBox(kBoxCaption, "Error(3) fread()");
     return download::kFileRefused;
   }
   if (next == EOF) {
     *blockNumber = kLastBlock;
-    download::CloseLoadStream(*this);
+    load_.file.reset();
   } else {
-    ungetc(next, pfLoadStream);
+    ungetc(next, load_.file.get());
   }
   return rc::kOk;
 }

@@ -36,41 +36,41 @@ bool ReadRecordPiece(FILE* file, uint8_t* value) {
 }  // namespace
 
 uint32_t CComPort::InitDownloadLines(const char* path, int32_t* records) {
-  download::CloseLoadStream(*this);
-  nLoadCount = 1;
-  nLoadIndex = 1;
-  nLoadPosition = 0;
+  load_.file.reset();
+  load_.count = 1;
+  load_.index = 1;
+  load_.position = 0;
   if (records != nullptr) *records = 0;
   if (path == nullptr) return download::kNoFile;
   FILE* file = fopen(path, "r");
   if (file == nullptr) return download::kNoFile;
   for (int c = fgetc(file); c != EOF; c = fgetc(file)) {
-    if (c == ':') ++nLoadCount;
+    if (c == ':') ++load_.count;
   }
   if (ferror(file)) {
     fclose(file);
-    nLoadCount = 1;
+    load_.count = 1;
     return download::kNoFile;
   }
-  pfLoadStream = file;
-  if (records != nullptr) *records = int32_t(nLoadCount - 1);
+  load_.file.reset(file);
+  if (records != nullptr) *records = int32_t(load_.count - 1);
   return rc::kOk;
 }
 
 uint32_t CComPort::DownloadLine() {
-  if (pfLoadStream == nullptr) return download::kNoFile;
-  if (nLoadIndex == 1 && (ReadLoaderAnswer() & 0xFF) != 1) return rc::kLoaderNotReady;
-  ++nLoadIndex;
+  if (load_.file == nullptr) return download::kNoFile;
+  if (load_.index == 1 && (ReadLoaderAnswer() & 0xFF) != 1) return rc::kLoaderNotReady;
+  ++load_.index;
   // Once the last record has been taken the file has nothing more to give, whatever the
   // loader makes of that record.
-  const bool last = nLoadIndex >= nLoadCount;
+  const bool last = load_.index >= load_.count;
 
   uint8_t record[download::kRecordBuffer];
   size_t length = 0;
   bool tooLong = false;
   bool found = false;
-  if (fseek(pfLoadStream, static_cast<long>(nLoadPosition), SEEK_SET) == 0) {
-    for (int c = fgetc(pfLoadStream); c != EOF; c = fgetc(pfLoadStream)) {
+  if (fseek(load_.file.get(), static_cast<long>(load_.position), SEEK_SET) == 0) {
+    for (int c = fgetc(load_.file.get()); c != EOF; c = fgetc(load_.file.get())) {
       if (c == ':') {
         found = true;
         break;
@@ -79,12 +79,12 @@ uint32_t CComPort::DownloadLine() {
   }
   if (!found) {
     // No further record: the count taken at opening no longer holds for this file.
-    download::CloseLoadStream(*this);
+    load_.file.reset();
     return download::kFileRefused;
   }
   record[length++] = ':';
   uint8_t value = 0;
-  while (ReadRecordPiece(pfLoadStream, &value)) {
+  while (ReadRecordPiece(load_.file.get(), &value)) {
     // A record beyond the buffer is read to its end all the same, so that the next call
     // starts behind it.
     if (length < sizeof record) {
@@ -93,11 +93,11 @@ uint32_t CComPort::DownloadLine() {
       tooLong = true;
     }
   }
-  const long position = ftell(pfLoadStream);
-  const bool readError = ferror(pfLoadStream) != 0 || position < 0 || uint64_t(position) > UINT32_MAX;
-  if (!readError) nLoadPosition = uint32_t(position);
+  const long position = ftell(load_.file.get());
+  const bool readError = ferror(load_.file.get()) != 0 || position < 0 || uint64_t(position) > UINT32_MAX;
+  if (!readError) load_.position = uint32_t(position);
   if (readError || tooLong) {
-    if (readError || last) download::CloseLoadStream(*this);
+    if (readError || last) load_.file.reset();
     return download::kFileRefused;
   }
 
@@ -107,7 +107,7 @@ uint32_t CComPort::DownloadLine() {
     WriteStream(record, int32_t(length));
     answer = ReadLoaderAnswer();
   }
-  if (last) download::CloseLoadStream(*this);
+  if (last) load_.file.reset();
   return (answer & 0xFF) >= kAcceptedBelow ? answer : rc::kOk;
 }
 

@@ -27,13 +27,4 @@ inline int HexValue(int c) {
   return -1;
 }
 
-// Closes whatever download file the port holds. Every reader that opens a file calls this
-// first, so a download abandoned half-way never leaves its file open behind a new one.
-inline void CloseLoadStream(CComPort& port) {
-  if (port.pfLoadStream != nullptr) {
-    fclose(port.pfLoadStream);
-    port.pfLoadStream = nullptr;
-  }
-}
-
 }  // namespace tamrik::download

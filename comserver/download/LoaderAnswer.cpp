@@ -26,17 +26,15 @@ uint32_t MapLoaderCharacter(uint8_t c) {
 
 }  // namespace
 
-// Arming only marks the start of an answer: bytes the loader sent before the question stay
-// queued, as they would in a serial line's input queue.
+// Bytes the loader sent before the question stay queued, as they would in a serial line's
+// input queue: the answer is the next byte.
 uint32_t CComPort::ReadLoaderAnswer() {
-  bRecvArmed = 1;
   uint8_t c = 0;
   if (ReadStream(&c, 1) != 0) return rc::kReadFailed;
   return MapLoaderCharacter(c);
 }
 
 uint32_t CComPort::ReadLoaderIdent() {
-  bRecvArmed = 1;
   uint8_t ident = 0;
   return ReadStream(&ident, 1) != 0 ? rc::kReadFailed : rc::kOk;
 }

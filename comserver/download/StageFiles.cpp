@@ -15,9 +15,7 @@ bool IsBlank(int c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || 
 // count, missingCode when the file cannot be opened, or 2 for a file the loader must not
 // get: more pairs than the buffer holds, or anything but digits ahead of the white space
 // that ends it. A lone last digit is a byte of its own, as a short last piece always was.
-uint32_t ReadStageFile(CComPort& port, const char* path, uint32_t missingCode, uint8_t* buffer,
-                       size_t capacity, size_t* count) {
-  download::CloseLoadStream(port);
+uint32_t ReadStageFile(const char* path, uint32_t missingCode, uint8_t* buffer, size_t capacity, size_t* count) {
   *count = 0;
   if (path == nullptr) return missingCode;
   FILE* file = fopen(path, "r");
@@ -54,7 +52,9 @@ uint32_t ReadStageFile(CComPort& port, const char* path, uint32_t missingCode, u
 uint32_t CComPort::DownloadBslFile(const char* path) {
   uint8_t bytes[download::kBslBuffer];
   size_t count = 0;
-  uint32_t result = ReadStageFile(*this, path, rc::kStage1FileMissing, bytes, sizeof bytes, &count);
+  // A stage file takes the place of whatever download file was open.
+  load_.file.reset();
+  uint32_t result = ReadStageFile(path, rc::kStage1FileMissing, bytes, sizeof bytes, &count);
   if (result != 0) return result;
 
   // The zero byte wakes the loader, which names itself with one byte before it takes the file.
@@ -70,7 +70,9 @@ uint32_t CComPort::DownloadBslFile(const char* path) {
 uint32_t CComPort::DownloadSetCtxFile(const char* path) {
   uint8_t bytes[download::kSetCtxBuffer];
   size_t count = 0;
-  uint32_t result = ReadStageFile(*this, path, rc::kStage2FileMissing, bytes, sizeof bytes, &count);
+  // A stage file takes the place of whatever download file was open.
+  load_.file.reset();
+  uint32_t result = ReadStageFile(path, rc::kStage2FileMissing, bytes, sizeof bytes, &count);
   if (result != 0 || count == 0) return result;
   if ((result = WriteStream(bytes, int32_t(count))) != 0) return result;
   // This stage is acknowledged by a character outside the loader's table.
@@ -80,7 +82,9 @@ uint32_t CComPort::DownloadSetCtxFile(const char* path) {
 uint32_t CComPort::DownloadBootFile(const char* path) {
   uint8_t bytes[download::kBootBuffer];
   size_t count = 0;
-  const uint32_t result = ReadStageFile(*this, path, rc::kStage3FileMissing, bytes, sizeof bytes, &count);
+  // A stage file takes the place of whatever download file was open.
+  load_.file.reset();
+  const uint32_t result = ReadStageFile(path, rc::kStage3FileMissing, bytes, sizeof bytes, &count);
   if (result != 0) return result;
   return WriteStream(bytes, int32_t(count));
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 namespace tamrik::platform {
@@ -24,6 +25,12 @@ void SetDebugSink(DebugSink sink, void* context);
 // Shows a message box with OK and Cancel (the answer is not used). Where there is no window
 // system the caption and text go to the debug output instead.
 void ShowMessageBox(const char* caption, const char* text);
+
+// --- files ------------------------------------------------------------------------------
+
+// The length of an open file in bytes, leaving it positioned at its end; -1 when it cannot be
+// told. Files beyond 2 GiB are told right on every platform.
+int64_t FileLength(FILE* file);
 
 // --- module -----------------------------------------------------------------------------
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/TestPeers.h"
 #include "ResultCodes.h"
 #include "SimBootLoader.h"
 #include "core/DownloadTestSupport.h"
@@ -83,7 +84,7 @@ struct Rig {
     StartBoot(driver);
   }
   uint32_t Run(int32_t* error) { return RunChain(driver, files, error); }
-  bool LineOpen() const { return driver.com->pComPort->bComOpen != 0; }
+  bool LineOpen() const { return CComPortTestPeer::LinkOpen(CcomTestPeer::Port(*driver.com)) != 0; }
 
   SimBootLoader loader;
   DriverInDir driver;
@@ -96,13 +97,13 @@ TEST(BootFirmwareDownload, TheWholeChainArrivesAndTheLineIsClosed) {
   ASSERT_TRUE(loader.ok());
   DriverInDir driver(loader.slavePath());
   const ChainFiles files = WriteChain(driver, chain);
-  driver.com->nComPort = 1;
-  driver.com->nBaudrate = 9600;
+  CcomTestPeer::ComPortNumber(*driver.com) = 1;
+  CcomTestPeer::Baudrate(*driver.com) = 9600;
 
   StartBoot(driver);
-  EXPECT_EQ(driver.com->nComPort, test::kLoaderPort);
-  EXPECT_EQ(driver.com->nBaudrate, 57600);
-  EXPECT_EQ(driver.com->pComPort->bComOpen, 1);
+  EXPECT_EQ(CcomTestPeer::ComPortNumber(*driver.com), test::kLoaderPort);
+  EXPECT_EQ(CcomTestPeer::Baudrate(*driver.com), 57600);
+  EXPECT_EQ(CComPortTestPeer::LinkOpen(CcomTestPeer::Port(*driver.com)), 1);
 
   int32_t error = -1;
   EXPECT_EQ(RunChain(driver, files, &error), 0u);
@@ -114,14 +115,14 @@ TEST(BootFirmwareDownload, TheWholeChainArrivesAndTheLineIsClosed) {
   EXPECT_EQ(loader.Records(), chain.SentRecords());
   EXPECT_TRUE(loader.Stray().empty());
   // Closed after success: closing again finds nothing open.
-  EXPECT_EQ(driver.com->pComPort->bComOpen, 0);
+  EXPECT_EQ(CComPortTestPeer::LinkOpen(CcomTestPeer::Port(*driver.com)), 0);
   EXPECT_EQ(driver.com->kaVCloseComPort(test::kLoaderPort, &error), 0u);
   EXPECT_EQ(error, int32_t(rc::kNothingOpen));
 
   // A line that cannot be reopened is still reported as 0, and shows itself in the chain.
   DriverInDir nowhere(driver.dir.File("no-such-device"));
   StartBoot(nowhere);
-  EXPECT_EQ(nowhere.com->pComPort->bComOpen, 0);
+  EXPECT_EQ(CComPortTestPeer::LinkOpen(CcomTestPeer::Port(*nowhere.com)), 0);
   const ChainFiles other = WriteChain(nowhere, chain);
   EXPECT_EQ(RunChain(nowhere, other, &error), rc::kWriteFailed);
   EXPECT_EQ(error, int32_t(rc::kWriteFailed));
@@ -220,7 +221,7 @@ TEST(BootFirmwareDownload, StageFilesThatCannotBeSent) {
     } else {
       EXPECT_EQ(rig.loader.Stage(c.stage - 1), c.stage == 2 ? chain.bsl : chain.setCtx);
     }
-    EXPECT_EQ(rig.driver.com->pComPort->pfLoadStream, nullptr);
+    EXPECT_FALSE(CcomTestPeer::Port(*rig.driver.com).HasLoadFile());
   }
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/TestPeers.h"
 #include "ResultCodes.h"
 #include "SimBootLoader.h"
 #include "core/DownloadTestSupport.h"
@@ -44,7 +45,7 @@ TEST(FirmwareLineDownload, RecordsGoOutOneByOneAndTheFileClosesAfterTheLast) {
   EXPECT_EQ(driver.com->kaVInitFirmwareDownload(file.c_str(), &lines, &error), 0u);
   EXPECT_EQ(error, 0);
   EXPECT_EQ(lines, 3);
-  EXPECT_EQ(driver.com->pComPort->nActiveReadTotalConstant, uint32_t(test::kFirmwareTimeoutMs));
+  EXPECT_EQ(CcomTestPeer::Port(*driver.com).Timings().activeTotalConstant, uint32_t(test::kFirmwareTimeoutMs));
   // The start request is an ordinary frame with no data.
   ASSERT_EQ(loader.Frames().size(), 1u);
   Bytes start = {0xAA, 0x07, 0x01, 0x00, 0x00, 0, 0};
@@ -53,14 +54,14 @@ TEST(FirmwareLineDownload, RecordsGoOutOneByOneAndTheFileClosesAfterTheLast) {
 
   for (int i = 0; i < 3; ++i) {
     SCOPED_TRACE(i);
-    EXPECT_NE(driver.com->pComPort->pfLoadStream, nullptr);
+    EXPECT_TRUE(CcomTestPeer::Port(*driver.com).HasLoadFile());
     int32_t line = 12345;  // neither read nor written
     error = -1;
     EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), 0u);
     EXPECT_EQ(error, 0);
     EXPECT_EQ(line, 12345);
   }
-  EXPECT_EQ(driver.com->pComPort->pfLoadStream, nullptr);
+  EXPECT_FALSE(CcomTestPeer::Port(*driver.com).HasLoadFile());
   const std::vector<Bytes> expected = {RecordBytes(r1), RecordBytes(r2), RecordBytes(r3)};
   EXPECT_EQ(loader.Records(), expected);
 
@@ -117,7 +118,7 @@ TEST(FirmwareLineDownload, RefusedRecordsAreRepeatedAtMostThreeTimes) {
   expected.push_back(RecordBytes(records[2]));
   expected.push_back(RecordBytes(records[3]));
   EXPECT_EQ(loader.Records(), expected);
-  EXPECT_EQ(driver.com->pComPort->pfLoadStream, nullptr);
+  EXPECT_FALSE(CcomTestPeer::Port(*driver.com).HasLoadFile());
 }
 
 TEST(FirmwareLineDownload, RecordsEndWhereTheReaderStops) {
@@ -141,7 +142,7 @@ TEST(FirmwareLineDownload, RecordsEndWhereTheReaderStops) {
   EXPECT_EQ(error, 2);
   EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), 0u);
   EXPECT_EQ(error, 0);
-  EXPECT_EQ(driver.com->pComPort->pfLoadStream, nullptr);
+  EXPECT_FALSE(CcomTestPeer::Port(*driver.com).HasLoadFile());
 
   const std::vector<Bytes> expected = {
       {':', 0x10, 0x20}, {':', 0x1A, 0x2B}, {':', 0x01, 0x02}, RecordBytes(longest), {':', 0xFF, 0x00}};
@@ -161,7 +162,7 @@ TEST(FirmwareLineDownload, AFileWhoseCountNoLongerHoldsEndsWithTwoAndIsClosed) {
   EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), 0u);
   EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), rc::kAnswerFailed);
   EXPECT_EQ(error, 2);
-  EXPECT_EQ(driver.com->pComPort->pfLoadStream, nullptr);
+  EXPECT_FALSE(CcomTestPeer::Port(*driver.com).HasLoadFile());
   EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), rc::kAnswerFailed);
   EXPECT_EQ(error, 1);
   EXPECT_EQ(loader.Records().size(), 1u);
@@ -224,7 +225,7 @@ TEST(FirmwareLineDownload, FailuresOfTheStart) {
     EXPECT_EQ(error, int32_t(rc::kLoaderNotReady));
     // Nothing of the record went out, and the file waits for a loader that gets ready.
     EXPECT_FALSE(loader.WaitForRecords(1, 100ms));
-    EXPECT_NE(driver.com->pComPort->pfLoadStream, nullptr);
+    EXPECT_TRUE(CcomTestPeer::Port(*driver.com).HasLoadFile());
   }
 }
 
@@ -240,7 +241,7 @@ TEST(FirmwareLineDownload, DemonstrationModeSendsNothing) {
   EXPECT_EQ(error, 0);
   EXPECT_EQ(lines, -7);
   // The firmware time-out is chosen all the same.
-  EXPECT_EQ(driver.com->pComPort->nActiveReadTotalConstant, uint32_t(test::kFirmwareTimeoutMs));
+  EXPECT_EQ(CcomTestPeer::Port(*driver.com).Timings().activeTotalConstant, uint32_t(test::kFirmwareTimeoutMs));
   int32_t line = 0;
   EXPECT_EQ(driver.com->kaVDownloadFirmwareLines(&line, &error), rc::kAnswerFailed);
   EXPECT_EQ(error, 1);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/TestPeers.h"
 #include "ResultCodes.h"
 #include "Simulator.h"
 #include "core/DownloadTestSupport.h"
@@ -121,7 +122,7 @@ TEST_P(ImageDownloadOverLink, BlocksFollowTheAnnouncementAndTheEndServiceCloses)
     EXPECT_EQ(driver.com().kaVInitImageDownload(file.c_str(), &start, &blocks, &error), 0u);
     EXPECT_EQ(error, 0);
     EXPECT_EQ(blocks, c.blockCount);
-    EXPECT_EQ(driver.com().pComPort->nActiveReadTotalConstant,
+    EXPECT_EQ(CcomTestPeer::Port(driver.com()).Timings().activeTotalConstant,
               GetParam() == Link::Pty ? uint32_t(test::kFirmwareTimeoutMs) : uint32_t(test::kNormalTimeoutMs))
         << "only the serial line has a firmware time-out";
 
@@ -193,11 +194,11 @@ TEST(ImageDownload, CancelAnnouncesNothingAndClosesTheFile) {
   int32_t block = 0;
   ASSERT_EQ(driver.com().kaVDownloadImageBlock(&block, &error), 0u);
   // The read time-out is left as it is.
-  driver.com().pComPort->nActiveReadTotalConstant = 123;
+  CcomTestPeer::Port(driver.com()).Timings().activeTotalConstant = 123;
   EXPECT_EQ(driver.com().kaVCancelImageDownload(&error), 0u);
   EXPECT_EQ(error, 0);
-  EXPECT_EQ(driver.com().pComPort->nActiveReadTotalConstant, 123u);
-  EXPECT_EQ(driver.com().pComPort->pfLoadStream, nullptr);
+  EXPECT_EQ(CcomTestPeer::Port(driver.com()).Timings().activeTotalConstant, 123u);
+  EXPECT_FALSE(CcomTestPeer::Port(driver.com()).HasLoadFile());
   const auto requests = driver.sim().Requests();
   ASSERT_EQ(requests.size(), 3u);
   EXPECT_EQ(requests[2].code, kAnnounce);
@@ -260,7 +261,7 @@ TEST(ImageDownload, Failures) {
     EXPECT_EQ(driver.com().kaVDownloadImageBlock(&block, &error), rc::kAnswerFailed);
     EXPECT_EQ(error, int32_t(rc::kRefusalBase + 0x8000 + kEnd));
     EXPECT_EQ(block, -1);
-    EXPECT_EQ(driver.com().pComPort->pfLoadStream, nullptr);
+    EXPECT_FALSE(CcomTestPeer::Port(driver.com()).HasLoadFile());
   }
   {
     SCOPED_TRACE("no link: the requests cannot be written");

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/TestPeers.h"
 #include "ComPort2.h"
 #include "core/DownloadTestSupport.h"
 
@@ -26,7 +27,7 @@ struct Block {
 
 std::vector<Block> AllBlocks(CComPort& port, uint32_t* lastResult) {
   std::vector<Block> blocks;
-  for (int i = 0; i < 100 && port.pfLoadStream != nullptr; ++i) {
+  for (int i = 0; i < 100 && port.HasLoadFile(); ++i) {
     uint8_t buffer[256];
     int32_t size = 256;
     int32_t number = 0;
@@ -71,7 +72,7 @@ TEST(ImageFileReader, BlocksAreNumberedAndTheOneReachingTheEndIsMinusOne) {
       joined.insert(joined.end(), blocks[i].bytes.begin(), blocks[i].bytes.end());
     }
     EXPECT_EQ(joined, content);
-    EXPECT_EQ(port.pfLoadStream, nullptr);
+    EXPECT_FALSE(port.HasLoadFile());
 
     // One block too many: the message box and 1.
     trace.Clear();
@@ -106,10 +107,10 @@ TEST(ImageFileReader, OpeningRewindsClosesAndRefuses) {
   // No path only closes; a path that cannot be opened gives 1 and leaves nothing open.
   EXPECT_EQ(port.InitDownloadImage(nullptr, &length), 0u);
   EXPECT_EQ(length, 0);
-  EXPECT_EQ(port.pfLoadStream, nullptr);
-  EXPECT_EQ(port.nLoadIndex, 1u);
+  EXPECT_FALSE(port.HasLoadFile());
+  EXPECT_EQ(CComPortTestPeer::LoadIndex(port), 1u);
   EXPECT_EQ(port.InitDownloadImage(dir.File("none.bin").c_str(), &length), 1u);
-  EXPECT_EQ(port.pfLoadStream, nullptr);
+  EXPECT_FALSE(port.HasLoadFile());
 
   // Whichever download file is opened next, the one before it is closed: the process holds
   // no more descriptors afterwards than before.
@@ -127,7 +128,7 @@ TEST(ImageFileReader, OpeningRewindsClosesAndRefuses) {
     // A stage reader takes over from the open line file and leaves nothing open; with no
     // link its write fails, after the file has been closed.
     EXPECT_NE(port.DownloadBootFile(dir.File("stage.txt").c_str()), 0u);
-    EXPECT_EQ(port.pfLoadStream, nullptr);
+    EXPECT_FALSE(port.HasLoadFile());
   }
   EXPECT_EQ(test::OpenDescriptors(), before);
 }
@@ -139,14 +140,14 @@ TEST(ImageFileReader, ReadErrorsCloseTheFileAndShowTheirMessage) {
     TempDir dir;
     CComPort port;
     // A directory opens as a stream but every read of it fails.
-    port.pfLoadStream = fopen(dir.path().c_str(), "rb");
-    ASSERT_NE(port.pfLoadStream, nullptr);
-    port.nLoadIndex = 1;
+    FILE* directory = fopen(dir.path().c_str(), "rb");
+    ASSERT_NE(directory, nullptr);
+    CComPortTestPeer::SetLoadFile(port, directory, 1);
     uint8_t buffer[256];
     int32_t size = 256;
     int32_t number = 0;
     EXPECT_EQ(port.PopDownloadImageBlock(&size, buffer, &number), 2u);
-    EXPECT_EQ(port.pfLoadStream, nullptr);
+    EXPECT_FALSE(port.HasLoadFile());
     EXPECT_EQ(trace.Lines(), std::vector<std::string>{"PopDownloadImageBlock: Error(2) ftell() "});
   }
   trace.Clear();
@@ -165,16 +166,16 @@ TEST(ImageFileReader, ReadErrorsCloseTheFileAndShowTheirMessage) {
     tcdrain(slave);
     close(slave);
     CComPort port;
-    port.pfLoadStream = fdopen(master, "rb");
-    ASSERT_NE(port.pfLoadStream, nullptr);
-    port.nLoadIndex = 2;  // past the first block: nothing to rewind
+    FILE* terminal = fdopen(master, "rb");
+    ASSERT_NE(terminal, nullptr);
+    CComPortTestPeer::SetLoadFile(port, terminal, 2);  // past the first block: nothing to rewind
     uint8_t buffer[256];
     int32_t size = 256;
     int32_t number = 0;
     EXPECT_EQ(port.PopDownloadImageBlock(&size, buffer, &number), 2u);
     EXPECT_EQ(size, 256);
     EXPECT_EQ(Bytes(buffer, buffer + size), queued);
-    EXPECT_EQ(port.pfLoadStream, nullptr);
+    EXPECT_FALSE(port.HasLoadFile());
     EXPECT_EQ(trace.Lines(), std::vector<std::string>{"PopDownloadImageBlock: Error(3) fread()"});
   }
 }

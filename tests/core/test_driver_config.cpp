@@ -5,6 +5,7 @@
 
 #include "ResultCodes.h"
 #include "com.h"
+#include "common/TestPeers.h"
 #include "common/TestSupport.h"
 
 namespace tamrik {
@@ -19,15 +20,15 @@ TEST(DriverConfiguration, CompleteSectionIsReadAndLeftUntouched) {
   dir.Write("kaVcnf.ini", content);
   Ccom com(dir.path());
   EXPECT_EQ(dir.Read("kaVcnf.ini"), content);
-  EXPECT_EQ(com.nComPort, 7);
-  EXPECT_EQ(com.nBaudrate, 38400);
-  EXPECT_EQ(com.nDemo, 0);
-  EXPECT_EQ(com.nLog, 0);
-  EXPECT_EQ(com.pComPort->nReadTotalConstant, 650u);
-  EXPECT_EQ(com.pComPort->nReadTotalConstantFW, 3000u);
-  EXPECT_EQ(com.szConfigFile, dir.File("kaVcnf.ini"));
-  EXPECT_EQ(com.szBootFile, dir.File("kaVBoot.ini"));
-  EXPECT_TRUE(com.szDemoFile.empty());
+  EXPECT_EQ(CcomTestPeer::ComPortNumber(com), 7);
+  EXPECT_EQ(CcomTestPeer::Baudrate(com), 38400);
+  EXPECT_EQ(CcomTestPeer::Demo(com), 0);
+  EXPECT_EQ(CcomTestPeer::Log(com), 0);
+  EXPECT_EQ(CcomTestPeer::Port(com).Timings().readTotalConstant, 650u);
+  EXPECT_EQ(CcomTestPeer::Port(com).Timings().readTotalConstantFW, 3000u);
+  EXPECT_EQ(CcomTestPeer::ConfigFile(com), dir.File("kaVcnf.ini"));
+  EXPECT_EQ(CcomTestPeer::BootFile(com), dir.File("kaVBoot.ini"));
+  EXPECT_TRUE(CcomTestPeer::DemoFile(com).empty());
 }
 
 TEST(DriverConfiguration, IncompleteSectionIsRewrittenWithAllEightDefaults) {
@@ -48,13 +49,13 @@ TEST(DriverConfiguration, IncompleteSectionIsRewrittenWithAllEightDefaults) {
     if (!c.content.empty()) dir.Write("kaVcnf.ini", c.content);
     Ccom com(dir.path());
     // The file said demonstration mode, but the default set switches it off.
-    EXPECT_EQ(com.nDemo, 0);
-    EXPECT_EQ(com.nLog, 1);
-    EXPECT_EQ(com.nBaudrate, 9600);
-    EXPECT_EQ(com.pComPort->nReadInterval, 200u);
-    EXPECT_EQ(com.pComPort->nReadTotalMultiplier, 0u);
-    EXPECT_EQ(com.pComPort->nReadTotalConstant, 500u);
-    EXPECT_EQ(com.pComPort->nReadTotalConstantFW, 3000u);
+    EXPECT_EQ(CcomTestPeer::Demo(com), 0);
+    EXPECT_EQ(CcomTestPeer::Log(com), 1);
+    EXPECT_EQ(CcomTestPeer::Baudrate(com), 9600);
+    EXPECT_EQ(CcomTestPeer::Port(com).Timings().readInterval, 200u);
+    EXPECT_EQ(CcomTestPeer::Port(com).Timings().readTotalMultiplier, 0u);
+    EXPECT_EQ(CcomTestPeer::Port(com).Timings().readTotalConstant, 500u);
+    EXPECT_EQ(CcomTestPeer::Port(com).Timings().readTotalConstantFW, 3000u);
     const std::string file = dir.File("kaVcnf.ini");
     const char* keys[][2] = {{"Version", "0"},           {"ReadInterval", "200"}, {"ReadTotalMultiplier", "0"},
                              {"ReadTotalConstant", "500"}, {"ReadTotalConstantFW", "3000"}, {"Logfile", "0"},
@@ -74,8 +75,8 @@ TEST(DriverConfiguration, TraceSwitchOfThePortKeepsTheFileValue) {
   test::TraceCapture trace;
   {
     Ccom com(dir.path());
-    EXPECT_EQ(com.nLog, 1);
-    EXPECT_EQ(com.pComPort->nLogfile, 255);
+    EXPECT_EQ(CcomTestPeer::Log(com), 1);
+    EXPECT_FALSE(CcomTestPeer::Port(com).Tracing());
     int32_t error = -1;
     com.kaVCloseComPort(1, &error);
     EXPECT_EQ(uint32_t(error), rc::kNothingOpen);
@@ -106,7 +107,7 @@ TEST(DriverConfiguration, PrivilegedBitsComeFromTheConfigurationWhenTheyFormAPer
     SCOPED_TRACE(c.value);
     dir.Write("kaVcnf.ini", InitSection(0, 0) + "[Privileged]\nBits=" + c.value + "\n");
     Ccom com(dir.path());
-    for (int i = 0; i < 32; ++i) EXPECT_EQ(com.abyPrivilegedBits[i], c.used ? 31 - i : i) << i;
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(CcomTestPeer::PrivilegedBits(com)[i], c.used ? 31 - i : i) << i;
   }
 }
 
@@ -144,7 +145,7 @@ TEST(DriverMethods, DemonstrationSwitchSelectsThePath) {
   dir.Write("kaVcnf.ini", InitSection(1, 0));
   {
     Ccom com(dir.path());
-    EXPECT_EQ(com.szDemoFile, dir.File("kaVdmo.ini"));
+    EXPECT_EQ(CcomTestPeer::DemoFile(com), dir.File("kaVdmo.ini"));
     int32_t version = 0, error = -1;
     EXPECT_EQ(com.kaVGetGatewayVersion(&version, &error), 0u);
     EXPECT_EQ(error, 0);
@@ -177,19 +178,19 @@ TEST(DriverMethods, ConnectionSettingsPersistAndBadRatesShowAtTheOpen) {
     int32_t error = -1;
     EXPECT_EQ(com.kaVSetBaudrate(14400, &error), 0u);
     EXPECT_EQ(error, 0);
-    EXPECT_EQ(platform::ProfileGetInt("Init", "Baudrate", 0, com.szConfigFile), 14400u);
+    EXPECT_EQ(platform::ProfileGetInt("Init", "Baudrate", 0, CcomTestPeer::ConfigFile(com)), 14400u);
 
     // The rate is refused at the open, and port and rate are written all the same.
     EXPECT_EQ(com.kaVOpenComPort(3, &error), rc::kComBadBaudrate);
     EXPECT_EQ(uint32_t(error), rc::kComBadBaudrate);
-    EXPECT_EQ(platform::ProfileGetInt("Init", "ComPort", 0, com.szConfigFile), 3u);
+    EXPECT_EQ(platform::ProfileGetInt("Init", "ComPort", 0, CcomTestPeer::ConfigFile(com)), 3u);
     EXPECT_EQ(com.kaVCloseComPort(3, &error), 0u);
     EXPECT_EQ(uint32_t(error), rc::kNothingOpen);
   }
   // A new object starts with what the last one used.
   Ccom next(dir.path());
-  EXPECT_EQ(next.nComPort, 3);
-  EXPECT_EQ(next.nBaudrate, 14400);
+  EXPECT_EQ(CcomTestPeer::ComPortNumber(next), 3);
+  EXPECT_EQ(CcomTestPeer::Baudrate(next), 14400);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "SimFrame.h"
 #include "Simulator.h"
 #include "com.h"
+#include "common/TestPeers.h"
 #include "common/TestSupport.h"
 
 namespace tamrik {
@@ -68,7 +69,7 @@ class Linked {
     openError_ = error;
   }
   Ccom& com() { return *com_; }
-  CComPort& port() { return *com_->pComPort; }
+  CComPort& port() { return *&CcomTestPeer::Port(*com_); }
   sim::Simulator& sim() { return sim_; }
   uint32_t openResult() const { return openResult_; }
   int32_t openError() const { return openError_; }
@@ -203,37 +204,36 @@ TEST(SerialLine, OpenCloseAndTimings) {
   // No device behind the port number: result and return value alike, traced or not.
   EXPECT_EQ(com.kaVOpenComPort(9, &error), rc::kComNoDevice);
   EXPECT_EQ(uint32_t(error), rc::kComNoDevice);
-  EXPECT_EQ(com.pComPort->bSerialMode, 1);
-  EXPECT_EQ(com.pComPort->bComOpen, 0);
+  EXPECT_EQ(CComPortTestPeer::LinkOpen(CcomTestPeer::Port(com)), 0);
 
   EXPECT_EQ(com.kaVOpenComPort(2, &error), 0u);
   EXPECT_EQ(error, 0);
   // The device is held exclusively while open.
   platform::SerialOpenError openError;
-  EXPECT_EQ(platform::SerialOpen(2, com.szConfigFile, &openError), nullptr);
+  EXPECT_EQ(platform::SerialOpen(2, CcomTestPeer::ConfigFile(com), &openError), nullptr);
   EXPECT_EQ(openError, platform::SerialOpenError::AccessDenied);
   // A second open of the port object itself is refused and leaves the line as it was.
-  EXPECT_EQ(com.pComPort->Open(2, 115200, 0), rc::kComAlreadyOpen);
-  EXPECT_EQ(com.pComPort->bComOpen, 1);
+  EXPECT_EQ(CcomTestPeer::Port(com).Open(2, 115200, 0), rc::kComAlreadyOpen);
+  EXPECT_EQ(CComPortTestPeer::LinkOpen(CcomTestPeer::Port(com)), 1);
   // Opening again through the method closes first, so it succeeds.
   EXPECT_EQ(com.kaVOpenComPort(2, &error), 0u);
 
   trace.Clear();
-  com.pComPort->ChangeTimings(true);
-  com.pComPort->ChangeTimings(true);
-  EXPECT_EQ(com.pComPort->nActiveReadTotalConstant, 3000u);
-  com.pComPort->ChangeTimings(false);
+  CcomTestPeer::Port(com).ChangeTimings(true);
+  CcomTestPeer::Port(com).ChangeTimings(true);
+  EXPECT_EQ(CcomTestPeer::Port(com).Timings().activeTotalConstant, 3000u);
+  CcomTestPeer::Port(com).ChangeTimings(false);
   const std::vector<std::string> expected = {"ComServer:ComPort ChangeTimings: 3000", "ComServer:ComPort Timings OK",
                                              "ComServer:ComPort ChangeTimings: 500"};
   EXPECT_EQ(trace.Lines(), expected);
-  com.pComPort->ChangeTimings(true);
+  CcomTestPeer::Port(com).ChangeTimings(true);
   // Reopening starts again in normal timing.
   EXPECT_EQ(com.kaVOpenComPort(2, &error), 0u);
-  EXPECT_EQ(com.pComPort->nActiveReadTotalConstant, 500u);
+  EXPECT_EQ(CcomTestPeer::Port(com).Timings().activeTotalConstant, 500u);
 
   // Opening Ethernet closes the serial line: the device is free again.
   EXPECT_EQ(com.kaVOpenEthernet("1,UDP", "127.0.0.1", &error), 0u);
-  platform::SerialDevice* device = platform::SerialOpen(2, com.szConfigFile, &openError);
+  platform::SerialDevice* device = platform::SerialOpen(2, CcomTestPeer::ConfigFile(com), &openError);
   EXPECT_NE(device, nullptr);
   if (device != nullptr) platform::SerialClose(device);
   EXPECT_EQ(com.kaVCloseComPort(2, &error), 0u);
@@ -242,7 +242,7 @@ TEST(SerialLine, OpenCloseAndTimings) {
   EXPECT_EQ(uint32_t(error), rc::kNothingOpen);
   // While nothing is open a timing change does nothing.
   trace.Clear();
-  com.pComPort->ChangeTimings(true);
+  CcomTestPeer::Port(com).ChangeTimings(true);
   EXPECT_TRUE(trace.Lines().empty());
 }
 
@@ -257,10 +257,10 @@ TEST(SerialLine, ShortReadsReportTheShortfallAndStillDump) {
   ASSERT_EQ(com.kaVOpenComPort(2, &error), 0u);
   // The simulator answers the request with two bytes only.
   sim.QueueRawAnswer({0x12, 0x34});
-  ASSERT_EQ(com.pComPort->GenerateService(0x101, nullptr, nullptr), 0u);
+  ASSERT_EQ(CcomTestPeer::Port(com).GenerateService(0x101, nullptr, nullptr), 0u);
   uint8_t buffer[5] = {0, 0, 0, 0, 0};
   trace.Clear();
-  EXPECT_EQ(com.pComPort->ReadStream(buffer, 5), rc::kReadShort);
+  EXPECT_EQ(CcomTestPeer::Port(com).ReadStream(buffer, 5), rc::kReadShort);
   EXPECT_EQ(buffer[0], 0x12);
   EXPECT_EQ(buffer[1], 0x34);
   EXPECT_EQ(trace.Lines(), std::vector<std::string>{"ComServer:Read Stream (len:0005): 1234000000"});
@@ -268,12 +268,12 @@ TEST(SerialLine, ShortReadsReportTheShortfallAndStillDump) {
 
 TEST(StreamLayer, NothingOpenFailsReadsAndWrites) {
   CComPort port;
-  port.nLogfile = 1;
+  port.SetTracing(true);
   test::TraceCapture trace;
   uint8_t byte = 0x55;
   EXPECT_EQ(port.ReadStream(&byte, 1), rc::kReadFailed);
   EXPECT_EQ(port.WriteStream(&byte, 1), rc::kWriteFailed);
-  EXPECT_EQ(port.bWriteActive, 1);
+  EXPECT_EQ(CComPortTestPeer::Exchange(port).phase(), ExchangeState::Phase::RequestWritten);
   EXPECT_EQ(port.GenerateService(3, nullptr, nullptr), rc::kWriteFailed);
   // A failed read of length 0 dumps nothing; a successful one dumps its header alone.
   trace.Clear();
@@ -315,7 +315,8 @@ TEST(Ethernet, ArgumentStringsAndAddresses) {
     SCOPED_TRACE(c.arg + " " + c.address);
     EXPECT_EQ(com.kaVOpenEthernet(c.arg.c_str(), c.address.c_str(), &error), c.result);
     EXPECT_EQ(uint32_t(error), c.result);
-    EXPECT_EQ(com.pComPort->bSocketMode, 1);
+    // A socket link stays for the close to end, also when its open failed.
+    EXPECT_TRUE(CComPortTestPeer::LinkOpen(CcomTestPeer::Port(com)));
     if (c.exchanges) {
       version = 0;
       EXPECT_EQ(com.kaVGetGatewayVersion(&version, &error), 0u);
@@ -325,7 +326,7 @@ TEST(Ethernet, ArgumentStringsAndAddresses) {
     // Closing a socket link always succeeds, also after a failed open.
     EXPECT_EQ(com.kaVCloseComPort(0, &error), 0u);
     EXPECT_EQ(error, 0);
-    EXPECT_EQ(com.pComPort->hSocket, platform::kInvalidSocket);
+    EXPECT_FALSE(CComPortTestPeer::LinkOpen(CcomTestPeer::Port(com)));
   }
 }
 
@@ -340,8 +341,10 @@ TEST(Ethernet, UdpByPortNumberBindsTheFixedLocalAddress) {
   for (int32_t port : {4000, 70000}) {
     EXPECT_EQ(com.kaVOpenComPort(port, &error), uint32_t(wsa::kAddrNotAvail));
     EXPECT_EQ(error, wsa::kAddrNotAvail);
-    EXPECT_EQ(com.pComPort->addrLocal.port, port == 4000 ? 4000 : 4464);
-    EXPECT_EQ(com.pComPort->addrLocal.address, htonl(0xC0A80001));
+    const Ipv4Address* local = CComPortTestPeer::SocketLocal(CcomTestPeer::Port(com));
+    ASSERT_NE(local, nullptr);
+    EXPECT_EQ(local->port, port == 4000 ? 4000 : 4464);
+    EXPECT_EQ(local->address, htonl(0xC0A80001));
     EXPECT_EQ(com.kaVCloseComPort(0, &error), 0u);
     EXPECT_EQ(error, 0);
   }

@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "common/TestPeers.h"
 #include "MethodsTestSupport.h"
 #include "ResultCodes.h"
 
@@ -107,30 +108,30 @@ TEST(MethodFrame, FailedRequestReturnsZeroOrTheCodeAsEachMethodSays) {
   test::TempDir dir;
   dir.Write("kaVcnf.ini", test::InitSection(0, 0));
   Ccom com(dir.path());
-  Ccom::bNewPrivilegedExchange = true;
+  CcomTestPeer::NewPrivilegedExchange() = true;
   for (const Method& m : ExchangingMethods()) {
     SCOPED_TRACE(m.name);
     int32_t error = -1;
     EXPECT_EQ(m.call(com, &error), m.returnsRequestCode ? rc::kWriteFailed : 0u);
     EXPECT_EQ(uint32_t(error), rc::kWriteFailed);
-    EXPECT_EQ(com.bBusy.load(), 0);
+    EXPECT_EQ(CcomTestPeer::Busy(com).load(), 0);
   }
   // A privileged exchange that failed at the challenge still starts afresh next time.
-  EXPECT_TRUE(Ccom::bNewPrivilegedExchange.load());
+  EXPECT_TRUE(CcomTestPeer::NewPrivilegedExchange().load());
 }
 
 TEST(MethodFrame, FailedAnswerReturns0x10050WithTheCauseInTheOutValue) {
   LiveDriver live(sim::DefaultStation(), 0, "StreamSegmentSleepTime=1\n");
   live.sim().SetCorruptEvery(1);
-  Ccom::bNewPrivilegedExchange = true;
+  CcomTestPeer::NewPrivilegedExchange() = true;
   for (const Method& m : ExchangingMethods()) {
     SCOPED_TRACE(m.name);
     int32_t error = -1;
     EXPECT_EQ(m.call(live.com(), &error), rc::kAnswerFailed);
     EXPECT_EQ(uint32_t(error), rc::kBadCheckValue);
-    EXPECT_EQ(live.com().bBusy.load(), 0);
+    EXPECT_EQ(CcomTestPeer::Busy(live.com()).load(), 0);
   }
-  EXPECT_TRUE(Ccom::bNewPrivilegedExchange.load());
+  EXPECT_TRUE(CcomTestPeer::NewPrivilegedExchange().load());
   // Every method sent exactly one request.
   EXPECT_EQ(live.sim().Requests().size(), ExchangingMethods().size());
 }
@@ -143,7 +144,7 @@ TEST(MethodFrame, BusyGuardRefusesWithoutTouchingAnything) {
   const Array guarded[] = {&Ccom::kaVGetProcessInData, &Ccom::kaVSetProcessOutData, &Ccom::kaVGetProcessOutData,
                            &Ccom::kaVGetParameterData, &Ccom::kaVSetParameterData,  &Ccom::kaVGetDiagData,
                            &Ccom::kaVGetTRBuffer};
-  com.bBusy = 1;
+  CcomTestPeer::Busy(com) = 1;
   trace.Clear();
   for (Array method : guarded) {
     int32_t data[4] = {5, 6, 7, 8};
@@ -156,7 +157,7 @@ TEST(MethodFrame, BusyGuardRefusesWithoutTouchingAnything) {
   }
   EXPECT_TRUE(trace.Lines().empty());
   EXPECT_TRUE(live.Requests().empty());
-  EXPECT_EQ(com.bBusy.load(), 1);  // the flag belongs to the call that set it
+  EXPECT_EQ(CcomTestPeer::Busy(com).load(), 1);  // the flag belongs to the call that set it
 
   // Methods without the guard run all the same.
   int32_t data[8];
@@ -166,14 +167,14 @@ TEST(MethodFrame, BusyGuardRefusesWithoutTouchingAnything) {
   EXPECT_EQ(error, 0);
 
   // Once released, every guarded method runs and releases it again.
-  com.bBusy = 0;
+  CcomTestPeer::Busy(com) = 0;
   for (Array method : guarded) {
     int32_t buffer[16] = {1, 2};
     count = 2;
     error = -1;
     EXPECT_EQ((com.*method)(buffer, &count, &error), 0u);
     EXPECT_EQ(error, 0);
-    EXPECT_EQ(com.bBusy.load(), 0);
+    EXPECT_EQ(CcomTestPeer::Busy(com).load(), 0);
   }
 }
 
@@ -190,7 +191,7 @@ TEST(MethodFrame, RequestCountsTheFrameCannotCarryAreRefused) {
       int32_t error = -1;
       EXPECT_EQ((com.*method)(data, &count, &error), rc::kBadArgument);
       EXPECT_EQ(uint32_t(error), rc::kBadArgument);
-      EXPECT_EQ(com.bBusy.load(), 0);
+      EXPECT_EQ(CcomTestPeer::Busy(com).load(), 0);
     }
   }
   EXPECT_TRUE(live.Requests().empty());

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <functional>
 
+#include "common/TestPeers.h"
 #include "MethodsTestSupport.h"
 #include "ResultCodes.h"
 
@@ -361,11 +362,11 @@ TEST(LiveGatewayMethods, ThreeMethodsSelectTheNormalReadTimeOutFirst) {
         {[](Ccom& c, int32_t* e) { int32_t v = 0; return c.kaVGetGatewayVersion(&v, e); }, false},
     };
     for (const auto& [call, selects] : calls) {
-      com.pComPort->ChangeTimings(true);
-      ASSERT_EQ(com.pComPort->nActiveReadTotalConstant, 3000u);
+      CcomTestPeer::Port(com).ChangeTimings(true);
+      ASSERT_EQ(CcomTestPeer::Port(com).Timings().activeTotalConstant, 3000u);
       EXPECT_EQ(call(com, &error), 0u);
       EXPECT_EQ(error, 0);
-      EXPECT_EQ(com.pComPort->nActiveReadTotalConstant, selects ? 500u : 3000u);
+      EXPECT_EQ(CcomTestPeer::Port(com).Timings().activeTotalConstant, selects ? 500u : 3000u);
     }
     com.kaVCloseComPort(5, &error);
   }

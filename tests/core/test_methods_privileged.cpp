@@ -8,6 +8,7 @@
 #include <random>
 #include <thread>
 
+#include "common/TestPeers.h"
 #include "MethodsTestSupport.h"
 #include "ResultCodes.h"
 #include "SimEngine.h"
@@ -89,7 +90,7 @@ TEST(PrivilegedMode, ChallengeResponseAndTheTracesOfAnExchange) {
   test::TraceCapture trace;
   LiveDriver live(PrivilegedStation(), 1);
   Ccom& com = live.com();
-  Ccom::bNewPrivilegedExchange = true;
+  CcomTestPeer::NewPrivilegedExchange() = true;
   trace.Clear();
 
   int32_t error = -1;
@@ -98,7 +99,7 @@ TEST(PrivilegedMode, ChallengeResponseAndTheTracesOfAnExchange) {
   const std::vector<Request> expected = {{0x10F, {}}, {0x130, {'h', 'o', 's', 't', ' ', 'A', 0, 3, 0, 0, 0}}};
   EXPECT_EQ(live.Requests(), expected);
   EXPECT_EQ(live.sim().GetEngineState().privilegedClient, "host A");
-  EXPECT_TRUE(Ccom::bNewPrivilegedExchange.load());
+  EXPECT_TRUE(CcomTestPeer::NewPrivilegedExchange().load());
 
   std::vector<std::string> methodLines;
   for (const std::string& line : trace.Lines()) {
@@ -131,7 +132,7 @@ TEST(PrivilegedMode, TheConfiguredPermutationIsUsed) {
   std::string bits;
   for (int i = 31; i >= 0; --i) bits += std::to_string(i) + (i ? "," : "");
   LiveDriver live(station, 0, "[Privileged]\nBits=" + bits + "\n");
-  Ccom::bNewPrivilegedExchange = true;
+  CcomTestPeer::NewPrivilegedExchange() = true;
   int32_t error = -1;
   EXPECT_EQ(live.com().kavEnterPrivilegedMode("", &error), 0u);
   EXPECT_EQ(error, 0);
@@ -144,7 +145,7 @@ TEST(PrivilegedMode, RefusalsMapToTheirCodesAndStartOver) {
   station.privilegedTable = Reversed();  // the driver answers with the identity table
   LiveDriver live(station, 1);
   Ccom& com = live.com();
-  Ccom::bNewPrivilegedExchange = true;
+  CcomTestPeer::NewPrivilegedExchange() = true;
   trace.Clear();
 
   int32_t error = -1;
@@ -168,13 +169,13 @@ TEST(PrivilegedMode, RefusalsMapToTheirCodesAndStartOver) {
   std::vector<uint16_t> codes;
   for (const Request& r : live.Requests()) codes.push_back(r.first);
   EXPECT_EQ(codes, (std::vector<uint16_t>{0x10F, 0x130, 0x10F, 0x130, 0x10F, 0x130}));
-  EXPECT_TRUE(Ccom::bNewPrivilegedExchange.load());
+  EXPECT_TRUE(CcomTestPeer::NewPrivilegedExchange().load());
 }
 
 TEST(PrivilegedMode, OnAPollingLinkLaterCallsOnlyWaitForTheAnswer) {
   LiveDriver live(PrivilegedStation());
   Ccom& com = live.com();
-  Ccom::bNewPrivilegedExchange = true;
+  CcomTestPeer::NewPrivilegedExchange() = true;
   int32_t service = 0x10000, sizes[2] = {0, 0}, error = -1;
   uint8_t none[1] = {};
   ASSERT_EQ(com.kaVDoService(&service, none, &sizes[0], &sizes[1], &error), 0u);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <thread>
 
+#include "common/TestPeers.h"
 #include "MethodsTestSupport.h"
 #include "ResultCodes.h"
 
@@ -246,8 +247,8 @@ TEST(LiveRawMethods, PollingSwitchMakesRepeatedCallsCollectTheAnswer) {
   EXPECT_EQ(service, 0x14000);
   EXPECT_EQ(error, 12345);
   EXPECT_TRUE(quiet.Lines().empty());  // no trace, nothing sent
-  EXPECT_EQ(com.pComPort->bPolling, 1);
-  EXPECT_EQ(com.pComPort->bWriteActive, 0);
+  EXPECT_TRUE(CComPortTestPeer::Exchange(CcomTestPeer::Port(com)).polling());
+  EXPECT_EQ(CComPortTestPeer::Exchange(CcomTestPeer::Port(com)).phase(), ExchangeState::Phase::Idle);
   EXPECT_TRUE(live.Requests().empty());
 
   // A late answer: the first call returns at once with 0x10100; later calls send nothing

@@ -12,6 +12,7 @@
 #include "ResultCodes.h"
 #include "Simulator.h"
 #include "com.h"
+#include "common/TestPeers.h"
 #include "common/TestSupport.h"
 
 namespace tamrik::test {
@@ -63,7 +64,7 @@ class LinkedDriver {
   }
 
   Ccom& com() { return *com_; }
-  CComPort& port() { return *com_->pComPort; }
+  CComPort& port() { return *&CcomTestPeer::Port(*com_); }
   sim::Simulator& sim() { return sim_; }
   Link link() const { return link_; }
   int32_t openResult() const { return openResult_; }
