@@ -2,7 +2,6 @@
 #include "ComPort2.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <string>
@@ -145,7 +144,8 @@ uint32_t CComPort::ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool 
   // the time a reception may take is not used up, and only a bounded number of times.
   const ExchangeState::Phase before = exchange_.phase();
   const uint32_t readBound = link_ != nullptr ? link_->ReadBoundMs() : timings_.socketAnswerMs;
-  const uint64_t budgetEnd = platform::MonotonicMs() + uint64_t(kReceptionReads) * readBound;
+  receptionStartMs_ = platform::MonotonicMs();
+  const uint64_t budgetEnd = receptionStartMs_ + uint64_t(kReceptionReads) * readBound;
   for (uint32_t dropped = 0;; ++dropped) {
     uint8_t startByte = 0;
     uint32_t result = 0;
@@ -217,9 +217,8 @@ uint32_t CComPort::ReceiveClock(uint32_t serviceCode, int32_t* values, int32_t* 
 uint32_t CComPort::CountReception(uint32_t result, bool answered) {
   if (answered) {
     ++stats_.answers;
-    stats_.lastAnswerUnixMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                  std::chrono::system_clock::now().time_since_epoch())
-                                  .count();
+    // A clock that starts at 0 would make the first answer look like none.
+    stats_.lastAnswerMonotonicMs = std::max<uint64_t>(receptionStartMs_, 1);
   }
   // Polling's "not yet" is no failure, and a raw request's answer code is its success.
   const bool rawAnswer = (result & 0xFFFF0000u) == rc::kRawAnswerBase;

@@ -31,7 +31,9 @@ struct LinkStats {
   uint64_t droppedFrames = 0;   // frames of other requests read and dropped
   uint64_t bytesOut = 0;
   uint64_t bytesIn = 0;
-  int64_t lastAnswerUnixMs = 0;
+  // The monotonic clock (platform::MonotonicMs) at the start of the reception of the last good
+  // answer, 0 for none: the reception reads that clock anyway, so counting costs no clock call.
+  uint64_t lastAnswerMonotonicMs = 0;
   uint32_t failureCodeCount = 0;
   uint32_t failureCodes[kCodes] = {};
   uint64_t failureCounts[kCodes] = {};
@@ -162,6 +164,8 @@ class CComPort {
   uint32_t ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool trace);
   // The result of one reception, counted: answers, failures, the time of the last good answer.
   uint32_t CountReception(uint32_t result, bool answered);
+
+  uint64_t receptionStartMs_ = 0;
   void DumpTransfer(const char* prefix, const uint8_t* buffer, int32_t length);
   static void TraceFromLink(void* port, const char* text);
 

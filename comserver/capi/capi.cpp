@@ -3,6 +3,7 @@
 #include "tamrik.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -93,7 +94,15 @@ void CopyStats(const tamrik::LinkStats& in, tamrik_stats* out) {
   out->dropped_frames = in.droppedFrames;
   out->bytes_out = in.bytesOut;
   out->bytes_in = in.bytesIn;
-  out->last_answer_unix_ms = in.lastAnswerUnixMs;
+  if (in.lastAnswerMonotonicMs != 0) {
+    const int64_t age = int64_t(tamrik::platform::MonotonicMs() - in.lastAnswerMonotonicMs);
+    const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            std::chrono::system_clock::now().time_since_epoch())
+                            .count();
+    out->last_answer_unix_ms = now - age;
+  } else {
+    out->last_answer_unix_ms = 0;
+  }
   static_assert(TAMRIK_STATS_CODES == tamrik::LinkStats::kCodes);
   out->failure_code_count = in.failureCodeCount;
   std::copy(std::begin(in.failureCodes), std::end(in.failureCodes), out->failure_codes);
