@@ -38,13 +38,14 @@ endif()
 
 # Generates the C interface reference from the method table and its hand-written notes.
 # It also writes the result code reference from the table of result names.
-add_executable(tamrik-docgen cli/docgen/main.cpp cli/docgen/CapiReference.cpp cli/docgen/ResultCodesPage.cpp
+add_executable(tamrik-docgen cli/docgen/main.cpp cli/docgen/CapiReference.cpp cli/docgen/ResultCodesPage.cpp cli/docgen/ServicesPage.cpp
   comserver/ResultNames.cpp)
 target_include_directories(tamrik-docgen PRIVATE comserver)
 add_custom_target(docs
   COMMAND tamrik-docgen capi > ${CMAKE_CURRENT_SOURCE_DIR}/docs/capi.md
   COMMAND tamrik-docgen result-codes > ${CMAKE_CURRENT_SOURCE_DIR}/docs/result-codes.md
-  COMMENT "Regenerating docs/capi.md and docs/result-codes.md")
+  COMMAND tamrik-docgen services > ${CMAKE_CURRENT_SOURCE_DIR}/docs/services.md
+  COMMENT "Regenerating docs/capi.md, docs/result-codes.md and docs/services.md")
 
 # --- installation ----------------------------------------------------------------------------
 target_include_directories(tamrik PUBLIC $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)

@@ -10,6 +10,7 @@
 #include "link/SerialLink.h"
 #include "link/SocketLink.h"
 #include "platform/Platform.h"
+#include "protocol/ServiceTable.h"
 
 namespace tamrik {
 
@@ -178,7 +179,9 @@ uint32_t CComPort::ReceiveFrame(uint32_t serviceCode, size_t* frameLength, bool 
       return rc::kOk;
     }
     if (Tracing()) {
-      TraceFormat("ComServer:Dropped answer %X (%s)", uint32_t(header.code),
+      const char* service = protocol::ServiceName(header.code);
+      TraceFormat("ComServer:Dropped answer %X %s(%s)", uint32_t(header.code),
+                  service != nullptr ? (std::string(service) + " ").c_str() : "",
                   protocol::VerifyCheckValue(frame, length) ? "intact" : "check value wrong");
     }
     ++stats_.droppedFrames;

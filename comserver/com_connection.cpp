@@ -1,7 +1,7 @@
 // Connection methods: baud rate, serial line, Ethernet link, the gateway's service baud rate.
 #include "ResultCodes.h"
 #include "com.h"
-#include "protocol/ServiceCodes.h"
+#include "protocol/ServiceTable.h"
 
 namespace tamrik {
 

@@ -2,7 +2,7 @@
 // gateway's privileged channel and name.
 #include "ResultCodes.h"
 #include "com.h"
-#include "protocol/ServiceCodes.h"
+#include "protocol/ServiceTable.h"
 
 namespace tamrik {
 

@@ -6,7 +6,7 @@
 
 #include "ResultCodes.h"
 #include "com.h"
-#include "protocol/ServiceCodes.h"
+#include "protocol/ServiceTable.h"
 
 namespace tamrik {
 

@@ -4,7 +4,7 @@
 
 #include "ResultCodes.h"
 #include "com.h"
-#include "protocol/ServiceCodes.h"
+#include "protocol/ServiceTable.h"
 #include "platform/Platform.h"
 
 namespace tamrik {

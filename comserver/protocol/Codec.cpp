@@ -9,6 +9,7 @@
 
 #include "ResultCodes.h"
 #include "protocol/Codec.h"
+#include "protocol/ServiceTable.h"
 
 namespace tamrik::protocol {
 
@@ -38,17 +39,11 @@ inline size_t Min(size_t a, size_t b) { return a < b ? a : b; }
 // 0x4000, so the refusal's low 14 bits are the refused code.
 constexpr bool IsRefusableService(uint32_t code) {
   switch (code) {
-    case 0x001:
-    case 0x003: case 0x004: case 0x005: case 0x006: case 0x007: case 0x008: case 0x009: case 0x00A:
-    case 0x00D: case 0x00E: case 0x00F: case 0x010: case 0x011: case 0x012: case 0x013:
-    case 0x015: case 0x016: case 0x017: case 0x018: case 0x019: case 0x01A: case 0x01B:
-    case 0x100: case 0x101: case 0x102: case 0x103: case 0x104: case 0x105: case 0x106: case 0x107:
-    case 0x109: case 0x10A: case 0x10B: case 0x10C: case 0x10D:
-    case 0x111: case 0x112: case 0x113: case 0x114: case 0x115:
-    case 0x120: case 0x121: case 0x122:
-    case 0x130: case 0x131: case 0x132:
-    case 0x902: case 0x904: case 0x912: case 0x913:
-      return true;
+#define TAMRIK_REFUSABLE_CASE(code, Name, request, answer, refusable) \
+  case code:                                                           \
+    return refusable;
+    TAMRIK_SERVICE_TABLE(TAMRIK_REFUSABLE_CASE)
+#undef TAMRIK_REFUSABLE_CASE
     default:
       return false;
   }
@@ -114,22 +109,11 @@ std::optional<AnswerHeader> WholeFrameHeader(const uint8_t* frame, size_t frameL
 RequestRule RequestRuleFor(uint32_t serviceCode) {
   if (serviceCode >= kRawServiceBase) return RequestRule::RawBytes;
   switch (serviceCode) {
-    case 0x001: case 0x003: case 0x004: case 0x006: case 0x008:
-    case 0x00D: case 0x00E: case 0x00F: case 0x012: case 0x013:
-    case 0x015: case 0x016: case 0x017: case 0x018: case 0x019:
-    case 0x100: case 0x101: case 0x102: case 0x103: case 0x104: case 0x105: case 0x107:
-    case 0x109: case 0x10A: case 0x10B: case 0x10C: case 0x10F: case 0x112: case 0x114:
-    case 0x122: case 0x131: case 0x132: case 0x902: case 0x904:
-      return RequestRule::Empty;
-    case 0x106: case 0x110: case 0x111: case 0x115:
-      return RequestRule::OneByte;
-    case 0x113:
-      return RequestRule::Word16;
-    case 0x005: case 0x007: case 0x010: case 0x011: case 0x01A: case 0x01B:
-    case 0x120: case 0x130: case 0x912: case 0x913:
-      return RequestRule::BytePerValue;
-    case 0x121:
-      return RequestRule::RawBytes;
+#define TAMRIK_REQUEST_CASE(code, Name, request, answer, refusable) \
+  case code:                                                         \
+    return RequestRule::request;
+    TAMRIK_SERVICE_TABLE(TAMRIK_REQUEST_CASE)
+#undef TAMRIK_REQUEST_CASE
     default:
       return RequestRule::Unassigned;
   }
@@ -196,29 +180,11 @@ size_t BuildRequest(uint32_t serviceCode, const void* data, const int32_t* count
 
 AnswerRule AnswerRuleFor(uint16_t answerCode) {
   switch (answerCode) {
-    case 0x4003: case 0x4004: case 0x4005: case 0x4006: case 0x4007: case 0x4008: case 0x4009:
-    case 0x400A:
-    case 0x400D: case 0x400E: case 0x400F: case 0x4010: case 0x4011: case 0x4012: case 0x4013:
-    case 0x4015: case 0x4016: case 0x4017: case 0x4018: case 0x4019: case 0x401A: case 0x401B:
-    case 0x4100: case 0x4102: case 0x4106: case 0x4107: case 0x4109: case 0x410A: case 0x410C:
-    case 0x4110: case 0x4111: case 0x4113: case 0x4115:
-    case 0x4120: case 0x4121: case 0x4122: case 0x4130: case 0x4132:
-    case 0x4904: case 0x4912: case 0x4913:
-      return AnswerRule::BytePerValue;
-    case 0x4001: case 0x410B: case 0x410D: case 0x4131:
-      return AnswerRule::Packed;
-    case 0x4105:
-      return AnswerRule::OneByte;
-    case 0x4101: case 0x4103: case 0x4112:
-      return AnswerRule::TwoBytes;
-    case 0x4902:
-      return AnswerRule::FourBytes;
-    case 0x4114:
-      return AnswerRule::Words16;
-    case 0x410F:
-      return AnswerRule::Clock;
-    case 0x4104:
-      return AnswerRule::ErrorList;
+#define TAMRIK_ANSWER_CASE(code, Name, request, answer, refusable) \
+  case code + kAnswerBit:                                           \
+    return AnswerRule::answer;
+    TAMRIK_SERVICE_TABLE(TAMRIK_ANSWER_CASE)
+#undef TAMRIK_ANSWER_CASE
     default:
       break;
   }
@@ -383,6 +349,20 @@ bool AnswerMatchesRequest(uint32_t requestCode, uint16_t answerCode) {
   const uint16_t code = uint16_t(requestCode);
   return answerCode == uint16_t(code + 0x4000) || answerCode == uint16_t(code + 0x8000) ||
          answerCode == uint16_t(code + 0xC000);
+}
+
+// --- service names -----------------------------------------------------------------------
+
+const char* ServiceName(uint32_t code) {
+  switch (code & 0x3FFFu) {
+#define TAMRIK_NAME_CASE(code, Name, request, answer, refusable) \
+  case code:                                                      \
+    return #Name;
+    TAMRIK_SERVICE_TABLE(TAMRIK_NAME_CASE)
+#undef TAMRIK_NAME_CASE
+    default:
+      return nullptr;
+  }
 }
 
 // --- millisecond split -------------------------------------------------------------------

@@ -66,9 +66,9 @@ TEST_P(StaleAnswers, FramesOfOtherRequestsAheadOfTheAnswerAreDroppedWithinTheCal
   const std::vector<std::string> lines = trace.Lines();
   auto has = [&](const std::string& line) { return std::find(lines.begin(), lines.end(), line) != lines.end(); };
   EXPECT_TRUE(has("ComServer:Service: 4101"));
-  EXPECT_TRUE(has("ComServer:Dropped answer 4101 (intact)"));
-  EXPECT_TRUE(has("ComServer:Dropped answer 8005 (intact)"));
-  EXPECT_TRUE(has("ComServer:Dropped answer 4104 (check value wrong)"));
+  EXPECT_TRUE(has("ComServer:Dropped answer 4101 GatewayVersion (intact)"));
+  EXPECT_TRUE(has("ComServer:Dropped answer 8005 ProcessOutWrite (intact)"));
+  EXPECT_TRUE(has("ComServer:Dropped answer 4104 ErrorList (check value wrong)"));
   EXPECT_TRUE(has("ComServer:Service: 4103"));
 
   // The privileged challenge and raw requests match the same way (raw: by the low 16 bits).
