@@ -29,9 +29,6 @@ constexpr int32_t kMaxDemoModules = 1024;
 // The module list cannot carry more identifiers than one answer holds.
 constexpr int32_t kMaxRecordedModules = 65535 / 4;
 
-// Diagnosis bytes of a module by bits 12 to 15 of its identifier.
-constexpr int32_t kDiagLengthTable[16] = {0, 1, 1, 1, 1, 2, 3, 4, 6, 8, 12, 16, 24, 32, 64, 0};
-
 std::string KeyName(const char* format, int32_t number) {
   char key[32];
   snprintf(key, sizeof key, format, number);
@@ -224,8 +221,7 @@ void Ccom::RecordModuleLayout(const int32_t* identifiers, int32_t count) {
   write("GWDiagLen", "");
   write("GWDiagData", "");
   for (int32_t i = 0; i < count; ++i) {
-    const uint32_t index = (uint32_t(identifiers[i]) >> 12) & 15;
-    write(KeyName("MoDiagLen%i", i), std::to_string(kDiagLengthTable[index]));
+    write(KeyName("MoDiagLen%i", i), std::to_string(protocol::DiagnosisLength(uint32_t(identifiers[i]))));
   }
 }
 

@@ -17,11 +17,7 @@ std::atomic<bool> Ccom::bNewPrivilegedExchange{true};
 
 int32_t CComPort::BuildPrivilegedStream(uint32_t challenge, const char* description, const uint8_t bits[32],
                                         int32_t* stream) {
-  uint32_t response = 0;
-  for (uint32_t i = 0; i < 32; ++i) {
-    if ((challenge >> (bits[i] % 32)) & 1u) response |= 1u << i;
-  }
-  response ^= response >> 1;
+  const uint32_t response = protocol::PrivilegedResponse(challenge, bits);
 
   int32_t n = 0;
   if (description != nullptr) {

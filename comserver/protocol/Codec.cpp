@@ -351,6 +351,21 @@ bool AnswerMatchesRequest(uint32_t requestCode, uint16_t answerCode) {
          answerCode == uint16_t(code + 0xC000);
 }
 
+// --- station knowledge -------------------------------------------------------------------
+
+uint32_t DiagnosisLength(uint32_t moduleId) {
+  static constexpr uint8_t kLengths[16] = {0, 1, 1, 1, 1, 2, 3, 4, 6, 8, 12, 16, 24, 32, 64, 0};
+  return kLengths[(moduleId >> 12) & 15];
+}
+
+uint32_t PrivilegedResponse(uint32_t challenge, const uint8_t bits[32]) {
+  uint32_t response = 0;
+  for (uint32_t i = 0; i < 32; ++i) {
+    if ((challenge >> (bits[i] % 32)) & 1u) response |= 1u << i;
+  }
+  return response ^ (response >> 1);
+}
+
 // --- service names -----------------------------------------------------------------------
 
 const char* ServiceName(uint32_t code) {

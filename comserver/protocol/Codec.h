@@ -119,6 +119,15 @@ uint32_t DecodeClockRaw(const uint8_t* frame, size_t frameLen, int32_t* values, 
 // low 16 bits plus 0x4000, 0x8000 or 0xC000, in 16-bit arithmetic).
 bool AnswerMatchesRequest(uint32_t requestCode, uint16_t answerCode);
 
+// --- station knowledge shared by driver, simulator and tool ---------------------------------
+
+// The diagnosis bytes a module has, by bits 12 to 15 of its identifier.
+uint32_t DiagnosisLength(uint32_t moduleId);
+
+// The response to the privileged challenge: bit i of the response is the challenge's bit
+// bits[i] (taken modulo 32), and the result is turned into its Gray code.
+uint32_t PrivilegedResponse(uint32_t challenge, const uint8_t bits[32]);
+
 // --- millisecond split -----------------------------------------------------------------
 
 struct MillisecondParts {

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/Platform.h"
+#include "protocol/Text.h"
 #include "platform/posix/Internal.h"
 
 namespace tamrik::platform {
@@ -120,7 +121,7 @@ TEST(DebugOutput, Cp1252ConversionCoversAll256Values) {
   std::vector<int32_t> decoded(256);
   for (int byte = 0; byte < 256; ++byte) {
     std::string in(1, static_cast<char>(byte));
-    std::string out = posix::Cp1252ToUtf8(in);
+    std::string out = protocol::Cp1252ToUtf8(in);
     size_t pos = 0;
     decoded[byte] = DecodeOne(out, pos);
     ASSERT_NE(decoded[byte], -1) << "malformed UTF-8 for byte " << byte;
@@ -148,8 +149,8 @@ TEST(DebugOutput, Cp1252ConversionCoversAll256Values) {
   EXPECT_EQ(decoded[0x99], 0x2122);  // trade mark
   EXPECT_EQ(decoded[0x9F], 0x0178);  // Y diaeresis
 
-  EXPECT_EQ(posix::Cp1252ToUtf8("\xE4\xF6\xFC"), "\xC3\xA4\xC3\xB6\xC3\xBC");
-  EXPECT_EQ(posix::Cp1252ToUtf8(std::string("a\0b", 3)), std::string("a\0b", 3));
+  EXPECT_EQ(protocol::Cp1252ToUtf8("\xE4\xF6\xFC"), "\xC3\xA4\xC3\xB6\xC3\xBC");
+  EXPECT_EQ(protocol::Cp1252ToUtf8(std::string("a\0b", 3)), std::string("a\0b", 3));
 }
 
 }  // namespace
