@@ -41,8 +41,6 @@ inline constexpr uint32_t kAnswerTooLong = 0x10053;    // answer needs more room
 
 // Arguments the method does not accept (null pointer, count out of range, ...).
 inline constexpr uint32_t kBadArgument = 0x10060;
-// The method exists at the interface but this build does not carry it out yet.
-inline constexpr uint32_t kNotAvailable = 0x10061;
 
 // Privileged mode and image download.
 inline constexpr uint32_t kPrivilegedRefusedC = 0x10070;  // refusal with bits 0x8000|0x4000

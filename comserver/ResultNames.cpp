@@ -90,7 +90,6 @@ constexpr ResultEntry kFixed[] = {
      "the answer needs more values than the caller's array holds; it was read whole and nothing was written past "
      "the array (the count tells how many it needed)"},
     {rc::kBadArgument, "BadArgument", "an argument the method does not accept (null pointer, count out of range)"},
-    {rc::kNotAvailable, "NotAvailable", "the method is not carried out by this build"},
     {rc::kPrivilegedRefusedC, "PrivilegedRefusedC",
      "privileged mode refused by the gateway (answer code with bits 0x8000 and 0x4000)"},
     {rc::kPrivilegedRefused8, "PrivilegedRefused8",
@@ -196,11 +195,6 @@ ResultInfo DescribeResult(uint32_t code, ResultContext context) {
     return {"ConnectFailed", "the connection could not be made: " + cause};
   }
   return {"Unknown", "no result code of this driver"};
-}
-
-std::string FormatResult(uint32_t code, ResultContext context) {
-  const ResultInfo info = DescribeResult(code, context);
-  return Hex(code) + " " + info.name + ": " + info.meaning;
 }
 
 }  // namespace tamrik

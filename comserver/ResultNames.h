@@ -26,8 +26,6 @@ struct ResultInfo {
 // Every code has a description; a code the driver never produces is "Unknown".
 ResultInfo DescribeResult(uint32_t code, ResultContext context = ResultContext::Any);
 
-// "0x10040 BadCheckValue: the check value of the answer frame is wrong"
-std::string FormatResult(uint32_t code, ResultContext context = ResultContext::Any);
 
 // The fixed codes with their names, in ascending order of value, and the composed families
 // (a base and the range added to it), for listings.

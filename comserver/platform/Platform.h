@@ -118,7 +118,6 @@ SocketHandle SocketCreate(bool datagram);  // kInvalidSocket on failure (SocketL
 void SocketSetNonBlocking(SocketHandle s);
 int32_t SocketBind(SocketHandle s, uint32_t addressNetworkOrder, uint16_t port);     // 0 or error
 int32_t SocketConnect(SocketHandle s, uint32_t addressNetworkOrder, uint16_t port);  // 0 or error
-bool SocketIsDatagram(SocketHandle s);
 
 // Sends length bytes in one call: the number of bytes sent, or minus the error.
 int32_t SocketSend(SocketHandle s, const uint8_t* buffer, uint32_t length);

@@ -228,6 +228,37 @@ void SerialSetTimeouts(SerialDevice* device, const SerialTimeouts& timeouts) {
   if (device != nullptr) device->timeouts = timeouts;
 }
 
+namespace {
+
+// What the Windows read time-outs ask of one read of length bytes that starts at start.
+struct ReadPlan {
+  bool returnAtOnce = false;   // interval MAXDWORD, no total: what is there, at once
+  bool returnOnFirst = false;  // interval and multiplier MAXDWORD, a constant: the first bytes
+  bool intervalLimit = false;  // a gap between two bytes ends the read
+  int64_t totalDeadline = kNoDeadline;
+};
+
+ReadPlan PlanRead(const SerialTimeouts& t, uint32_t length, int64_t start) {
+  constexpr uint32_t kMax = UINT32_MAX;
+  ReadPlan plan;
+  // The two combinations with a meaning of their own on Windows: interval MAXDWORD with
+  // no total returns at once with what is there; interval and multiplier MAXDWORD with a
+  // constant returns as soon as anything is there, waiting at most the constant.
+  plan.returnAtOnce = t.readInterval == kMax && t.readTotalMultiplier == 0 && t.readTotalConstant == 0;
+  plan.returnOnFirst = t.readInterval == kMax && t.readTotalMultiplier == kMax && t.readTotalConstant > 0 &&
+                       t.readTotalConstant < kMax;
+  if (plan.returnOnFirst) {
+    plan.totalDeadline = start + MsToNs(t.readTotalConstant);
+  } else if (t.readTotalMultiplier != 0 || t.readTotalConstant != 0) {
+    uint64_t ms = static_cast<uint64_t>(t.readTotalMultiplier) * length + t.readTotalConstant;
+    plan.totalDeadline = start + MsToNs(ms);
+  }
+  plan.intervalLimit = t.readInterval != 0 && !plan.returnOnFirst;
+  return plan;
+}
+
+}  // namespace
+
 bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t* done) {
   uint32_t ignored;
   if (done == nullptr) done = &ignored;
@@ -235,31 +266,14 @@ bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t
   if (device == nullptr || (buffer == nullptr && length > 0)) return false;
   if (length == 0) return true;
 
-  const SerialTimeouts t = device->timeouts;
-  constexpr uint32_t kMax = UINT32_MAX;
-  // The two combinations with a meaning of their own on Windows: interval MAXDWORD with
-  // no total returns at once with what is there; interval and multiplier MAXDWORD with a
-  // constant returns as soon as anything is there, waiting at most the constant.
-  const bool returnAtOnce = t.readInterval == kMax && t.readTotalMultiplier == 0 &&
-                            t.readTotalConstant == 0;
-  const bool returnOnFirst = t.readInterval == kMax && t.readTotalMultiplier == kMax &&
-                             t.readTotalConstant > 0 && t.readTotalConstant < kMax;
-
   const int64_t start = NowNs();
-  int64_t totalDeadline = kNoDeadline;
-  if (returnOnFirst) {
-    totalDeadline = start + MsToNs(t.readTotalConstant);
-  } else if (t.readTotalMultiplier != 0 || t.readTotalConstant != 0) {
-    uint64_t ms = static_cast<uint64_t>(t.readTotalMultiplier) * length + t.readTotalConstant;
-    totalDeadline = start + MsToNs(ms);
-  }
-  const bool intervalLimit = t.readInterval != 0 && !returnOnFirst;
+  const ReadPlan plan = PlanRead(device->timeouts, length, start);
 
   uint32_t got = TakeStaged(device, buffer, length);
-  if (got < length && device->wrote && !returnAtOnce) {
+  if (got < length && device->wrote && !plan.returnAtOnce) {
     // Whatever the wait reports, the loop below reads and judges it.
     short revents = 0;
-    WaitUntil(device->fd, POLLIN, totalDeadline, &revents);
+    WaitUntil(device->fd, POLLIN, plan.totalDeadline, &revents);
   }
   device->wrote = false;
   int64_t lastByte = start;
@@ -284,10 +298,10 @@ bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t
       *done = got;
       return false;
     }
-    if (returnAtOnce || (returnOnFirst && got > 0)) break;
+    if (plan.returnAtOnce || (plan.returnOnFirst && got > 0)) break;
 
-    int64_t deadline = totalDeadline;
-    if (intervalLimit && got > 0) deadline = Earlier(deadline, lastByte + MsToNs(t.readInterval));
+    int64_t deadline = plan.totalDeadline;
+    if (plan.intervalLimit && got > 0) deadline = Earlier(deadline, lastByte + MsToNs(device->timeouts.readInterval));
     short revents = 0;
     int w = WaitUntil(device->fd, POLLIN, deadline, &revents);
     if (w == 0) {

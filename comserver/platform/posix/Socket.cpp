@@ -294,18 +294,6 @@ int32_t SocketConnect(SocketHandle s, uint32_t addressNetworkOrder, uint16_t por
   return FailErrno(error);
 }
 
-bool SocketIsDatagram(SocketHandle s) {
-  int fd = Fd(s);
-  if (fd < 0) return false;
-  int type = 0;
-  socklen_t len = sizeof type;
-  if (::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len) != 0) {
-    FailErrno(errno);
-    return false;
-  }
-  return type == SOCK_DGRAM;
-}
-
 int32_t SocketSend(SocketHandle s, const uint8_t* buffer, uint32_t length) {
   int fd = Fd(s);
   if (fd < 0) return -wsa::kNotSocket;

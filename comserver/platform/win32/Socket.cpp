@@ -98,13 +98,6 @@ int32_t SocketConnect(SocketHandle s, uint32_t addressNetworkOrder, uint16_t por
   return 0;
 }
 
-bool SocketIsDatagram(SocketHandle s) {
-  int type = 0;
-  int len = sizeof type;
-  if (getsockopt(Native(s), SOL_SOCKET, SO_TYPE, reinterpret_cast<char*>(&type), &len) != 0) return false;
-  return type == SOCK_DGRAM;
-}
-
 int32_t SocketSend(SocketHandle s, const uint8_t* buffer, uint32_t length) {
   const int n = length > INT_MAX ? INT_MAX : static_cast<int>(length);
   const int sent = send(Native(s), reinterpret_cast<const char*>(buffer), n, 0);
