@@ -12,12 +12,12 @@ build_dir="${BUILD_DIR:-build-tidy}"
 cppcheck --error-exitcode=1 --enable=warning,performance,portability --std=c++20 --language=c++ \
   --inline-suppr --quiet -j "${JOBS:-2}" --suppressions-list=.cppcheck-suppressions \
   -I comserver -I comserver/capi -I sim \
-  comserver/*.cpp comserver/capi comserver/download comserver/protocol comserver/platform/posix sim cli fuzz
+  comserver/*.cpp comserver/capi comserver/download comserver/link comserver/protocol comserver/platform/posix sim cli fuzz
 echo "cppcheck: no findings"
 
 CC=clang CXX=clang++ cmake -S . -B "$build_dir" -G Ninja -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
   -DTAMRIK_BUILD_BENCH=OFF -DTAMRIK_FUZZ=ON >/dev/null
-files=(comserver/*.cpp comserver/capi/*.cpp comserver/download/*.cpp comserver/protocol/*.cpp
+files=(comserver/*.cpp comserver/capi/*.cpp comserver/download/*.cpp comserver/link/*.cpp comserver/protocol/*.cpp
        comserver/platform/posix/*.cpp fuzz/*.cpp)
 files+=(sim/*.cpp cli/*.cpp)
 printf '%s\n' "${files[@]}" | xargs -P "${JOBS:-2}" -n 4 clang-tidy -p "$build_dir" --quiet

@@ -42,7 +42,7 @@ constexpr bool IsRefusableService(uint32_t code) {
 #define TAMRIK_REFUSABLE_CASE(code, Name, request, answer, refusable) \
   case code:                                                           \
     return refusable;
-    TAMRIK_SERVICE_TABLE(TAMRIK_REFUSABLE_CASE)
+    TAMRIK_SERVICE_TABLE(TAMRIK_REFUSABLE_CASE)  // NOLINT(bugprone-branch-clone): a case per row of the table
 #undef TAMRIK_REFUSABLE_CASE
     default:
       return false;
@@ -112,7 +112,7 @@ RequestRule RequestRuleFor(uint32_t serviceCode) {
 #define TAMRIK_REQUEST_CASE(code, Name, request, answer, refusable) \
   case code:                                                         \
     return RequestRule::request;
-    TAMRIK_SERVICE_TABLE(TAMRIK_REQUEST_CASE)
+    TAMRIK_SERVICE_TABLE(TAMRIK_REQUEST_CASE)  // NOLINT(bugprone-branch-clone): a case per row of the table
 #undef TAMRIK_REQUEST_CASE
     default:
       return RequestRule::Unassigned;
@@ -183,7 +183,7 @@ AnswerRule AnswerRuleFor(uint16_t answerCode) {
 #define TAMRIK_ANSWER_CASE(code, Name, request, answer, refusable) \
   case code + kAnswerBit:                                           \
     return AnswerRule::answer;
-    TAMRIK_SERVICE_TABLE(TAMRIK_ANSWER_CASE)
+    TAMRIK_SERVICE_TABLE(TAMRIK_ANSWER_CASE)  // NOLINT(bugprone-branch-clone): a case per row of the table
 #undef TAMRIK_ANSWER_CASE
     default:
       break;
