@@ -1,14 +1,12 @@
 // Loading software into the gateway: firmware records to its boot loader, the boot-loader
 // chain over the serial line, and a binary image in blocks. Every file is read through
 // before the first byte goes out.
-#include <CLI/CLI.hpp>
-
 #include <chrono>
 #include <filesystem>
 
+#include "Commands.h"
 #include "FileChecks.h"
 #include "Progress.h"
-#include "Tool.h"
 
 namespace tamrik::cli {
 namespace fs = std::filesystem;
@@ -20,15 +18,45 @@ Progress::Mode ProgressMode(const Context& ctx, bool quartersOtherwise) {
   return quartersOtherwise && !ctx.json && !ctx.noProgress ? Progress::Mode::Quarters : Progress::Mode::Off;
 }
 
-void Firmware(Context& ctx, const std::string& file) {
+void ShowLoader(Context& ctx, const sim::SimBootLoader& loader) {
+  for (int stage = 1; stage <= 3; ++stage) {
+    const auto bytes = loader.Stage(stage);
+    ctx.result["loader_stage" + std::to_string(stage) + "_bytes"] = bytes ? int64_t(bytes->size()) : int64_t(0);
+  }
+  ctx.result["loader_received_records"] = int64_t(loader.Records().size());
+}
+
+void CancelImage(Context& ctx) {
+  int32_t error = 0;
+  Check("kaVCancelImageDownload", tamrik_kaVCancelImageDownload(ctx.Connect().com(), &error), error);
+  ctx.result["done"] = "image download cancelled";
+}
+
+// A stop during the download: the gateway is told that the image is abandoned (an
+// announcement of length 0), so that it does not wait for the rest.
+[[noreturn]] void StopDownload(Context& ctx, int64_t taken, int32_t blocks) {
+  int32_t error = 0;
+  const uint32_t status = tamrik_kaVCancelImageDownload(ctx.session()->com(), &error);
+  const bool cancelled = status == 0 && error == 0;
+  ctx.result["count"] = taken;
+  ctx.result["cancelled"] = cancelled;
+  throw Interrupted("image download interrupted after " + std::to_string(taken) + " of " + std::to_string(blocks) +
+                    " blocks; " +
+                    (cancelled ? std::string("the cancel was sent to the gateway")
+                               : "sending the cancel failed: " + FormatCode(error != 0 ? uint32_t(error) : status)));
+}
+
+}  // namespace
+
+void Firmware(Context& ctx, const Args& args) {
+  const std::string file = args.Word("FILE");
   const std::vector<size_t> sizes = CheckLineFile(file);
-  ctx.RequireYes("load the " + std::to_string(sizes.size()) + " firmware records of " + file + " into the boot loader");
   Session& session = ctx.Connect(Purpose::FirmwareLines);
   int32_t lines = 0, error = 0;
   Check("kaVInitFirmwareDownload", tamrik_kaVInitFirmwareDownload(session.com(), file.c_str(), &lines, &error), error);
   if (session.demonstration()) {
-    ctx.result.Set("count", 0);
-    ctx.result.Set("note", "demonstration mode: nothing was sent");
+    ctx.result["count"] = 0;
+    ctx.result["note"] = "demonstration mode: nothing was sent";
     return;
   }
   uint64_t total = 0;
@@ -43,31 +71,28 @@ void Firmware(Context& ctx, const std::string& file) {
     progress.Update(uint64_t(n) + 1, bytes);
   }
   progress.Finish();
-  ctx.result.Set("file", file);
-  ctx.result.Set("count", lines);
-  ctx.result.Set("unit", "records");
-  ctx.result.Set("bytes", int64_t(bytes));
-  ctx.result.Set("seconds", progress.Seconds());
+  ctx.result["file"] = file;
+  ctx.result["count"] = lines;
+  ctx.result["unit"] = "records";
+  ctx.result["bytes"] = int64_t(bytes);
+  ctx.result["seconds"] = progress.Seconds();
   if (sim::SimBootLoader* loader = session.loader()) {
     loader->WaitForRecords(size_t(std::max(lines, 0)), std::chrono::milliseconds(1000));
-    ctx.result.Set("loader_received_records", int64_t(loader->Records().size()));
+    ctx.result["loader_received_records"] = int64_t(loader->Records().size());
   }
 }
 
-void ShowLoader(Context& ctx, const sim::SimBootLoader& loader) {
-  for (int stage = 1; stage <= 3; ++stage) {
-    const auto bytes = loader.Stage(stage);
-    ctx.result.Set("loader_stage" + std::to_string(stage) + "_bytes", bytes ? int64_t(bytes->size()) : int64_t(0));
-  }
-  ctx.result.Set("loader_received_records", int64_t(loader.Records().size()));
+std::vector<std::string> BootFiles(const Args& args) {
+  const std::string ini = args.Word("--ini");
+  if (args.Words("FILES").size() != 4 && ini.empty()) throw UsageError("boot: give the four files or --ini FILE");
+  return ini.empty() ? args.Words("FILES") : ReadBootList(ini);
 }
 
-void Boot(Context& ctx, const std::vector<std::string>& files, const std::string& ini) {
-  const std::vector<std::string> names = ini.empty() ? files : ReadBootList(ini);
+void Boot(Context& ctx, const Args& args) {
+  const std::string ini = args.Word("--ini");
+  const std::vector<std::string> names = BootFiles(args);
   CheckBootFiles(names[0], names[1], names[2], names[3]);
   const bool withoutSetCtx = names[1] == "-" || names[1].empty();
-  ctx.RequireYes("load the boot-loader chain (" + names[0] + ", " + (withoutSetCtx ? "no SetCtx" : names[1]) + ", " +
-                 names[2] + ", " + names[3] + ")");
   // The driver reads the list itself, from where the user keeps it.
   if (!ini.empty()) ctx.link.bootFile = ini;
   Session& session = ctx.Connect(withoutSetCtx ? Purpose::BootChainWithoutSetCtx : Purpose::BootChain, false);
@@ -81,50 +106,35 @@ void Boot(Context& ctx, const std::vector<std::string>& files, const std::string
     Check("kaVBootFirmwareDownload_FromIni", tamrik_kaVBootFirmwareDownload_FromIni(session.com(), &error), error);
   } else {
     // "-" stands for no SetCtx file: the stage is skipped.
-    const std::string setCtx = withoutSetCtx ? std::string() : files[1];
+    const std::string setCtx = withoutSetCtx ? std::string() : names[1];
     Check("kaVBootFirmwareDownload",
-          tamrik_kaVBootFirmwareDownload(session.com(), files[0].c_str(), setCtx.c_str(), files[2].c_str(),
-                                         files[3].c_str(), &error),
+          tamrik_kaVBootFirmwareDownload(session.com(), names[0].c_str(), setCtx.c_str(), names[2].c_str(),
+                                         names[3].c_str(), &error),
           error);
   }
-  ctx.result.Set("done", "boot-loader chain loaded");
-  ctx.result.Set("seconds", std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  ctx.result["done"] = "boot-loader chain loaded";
+  ctx.result["seconds"] = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (sim::SimBootLoader* loader = session.loader()) ShowLoader(ctx, *loader);
 }
 
-void CancelImage(Context& ctx) {
-  ctx.RequireYes("cancel the image download in progress");
-  int32_t error = 0;
-  Check("kaVCancelImageDownload", tamrik_kaVCancelImageDownload(ctx.Connect().com(), &error), error);
-  ctx.result.Set("done", "image download cancelled");
+bool CancelAsked(const Args& args) {
+  if (args.Word("FILE").empty() == !args.Has("--cancel")) throw UsageError("image: give FILE or --cancel");
+  return args.Has("--cancel");
 }
 
-// A stop during the download: the gateway is told that the image is abandoned (an
-// announcement of length 0), so that it does not wait for the rest.
-[[noreturn]] void StopDownload(Context& ctx, int64_t taken, int32_t blocks) {
-  int32_t error = 0;
-  const uint32_t status = tamrik_kaVCancelImageDownload(ctx.session()->com(), &error);
-  const bool cancelled = status == 0 && error == 0;
-  ctx.result.Set("count", taken);
-  ctx.result.Set("cancelled", cancelled);
-  throw Interrupted("image download interrupted after " + std::to_string(taken) + " of " + std::to_string(blocks) +
-                    " blocks; " +
-                    (cancelled ? std::string("the cancel was sent to the gateway")
-                               : "sending the cancel failed: " + FormatCode(error != 0 ? uint32_t(error) : status)));
-}
-
-void Image(Context& ctx, const std::string& file, const std::string& start) {
-  const int32_t address = int32_t(uint32_t(ParseNumber(start, "--start", -1, 0xFFFFFFFFLL)));
-  DownloadImage(ctx, file, address, false);
+void Image(Context& ctx, const Args& args) {
+  if (CancelAsked(args)) {
+    CancelImage(ctx);
+    return;
+  }
+  const std::string file = args.Word("FILE");
+  DownloadImage(ctx, file, int32_t(uint32_t(args.Number("--start"))), false);
   if (sim::Simulator* sim = ctx.session()->simulator()) {
     const auto image = sim->CompletedImage();
     const std::string content = ReadWholeFile(file);
-    ctx.result.Set("gateway_received_identical",
-                   image && std::string(image->data.begin(), image->data.end()) == content);
+    ctx.result["gateway_received_identical"] = image && std::string(image->data.begin(), image->data.end()) == content;
   }
 }
-
-}  // namespace
 
 // Runs an image download with its progress; returns the block count. Shared with the demo.
 int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddress, bool quarters,
@@ -134,7 +144,6 @@ int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddres
   if (ec) throw UsageError("cannot read " + file);
   // The announcement of an empty image is the cancel: it would abandon a download, not load one.
   if (length == 0) throw UsageError(file + " is empty: no image to send (image --cancel abandons a download)");
-  ctx.RequireYes("download the image " + file + " (" + std::to_string(length) + " bytes)");
   Stoppable stop;
   Session& session = ctx.Connect();
   int32_t start = startAddress, blocks = 0, error = 0;
@@ -155,47 +164,14 @@ int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddres
     if (block == -1) break;
   }
   progress.Finish();
-  ctx.result.Set("file", file);
-  ctx.result.Set("bytes", int64_t(length));
-  ctx.result.Set("count", taken);
-  ctx.result.Set("unit", "blocks");
-  if (startAddress != -1) ctx.result.Set("start_address", Json::Hex(uint32_t(startAddress), 8));
-  ctx.result.Set("seconds", progress.Seconds());
-  ctx.result.Set("rate_bytes_per_second", progress.Seconds() > 0 ? double(length) / progress.Seconds() : 0.0);
+  ctx.result["file"] = file;
+  ctx.result["bytes"] = int64_t(length);
+  ctx.result["count"] = taken;
+  ctx.result["unit"] = "blocks";
+  if (startAddress != -1) ctx.result["start_address"] = uint32_t(startAddress);
+  ctx.result["seconds"] = progress.Seconds();
+  ctx.result["rate_bytes_per_second"] = progress.Seconds() > 0 ? double(length) / progress.Seconds() : 0.0;
   return taken;
-}
-
-void AddDownloadCommands(CLI::App& app, Context& ctx) {
-  auto* firmware = app.add_subcommand("firmware", "Firmware line download: FILE's records to the boot loader");
-  auto file = std::make_shared<std::string>();
-  firmware->add_option("FILE", *file, "Firmware line file (records starting with ':')")->required();
-  firmware->callback([&ctx, file]() { ctx.run = [file](Context& c) { Firmware(c, *file); }; });
-
-  auto* boot = app.add_subcommand(
-      "boot", "Boot-loader chain over the serial line: BSL SETCTX BOOT FIRMWARE (SETCTX '-': none), or --ini FILE");
-  auto files = std::make_shared<std::vector<std::string>>();
-  auto ini = std::make_shared<std::string>();
-  boot->add_option("FILES", *files, "BSL, SetCtx, Boot and firmware line files")->expected(4);
-  boot->add_option("--ini", *ini, "A kaVBoot.ini naming the four files (section BSL-Files)");
-  boot->callback([&ctx, files, ini]() {
-    if (files->size() != 4 && ini->empty()) throw CLI::ValidationError("boot", "give the four files or --ini FILE");
-    ctx.run = [files, ini](Context& c) { Boot(c, *files, *ini); };
-  });
-
-  auto* image = app.add_subcommand("image", "Image download: FILE in blocks of 256 bytes; --cancel abandons one");
-  auto imageFile = std::make_shared<std::string>();
-  auto start = std::make_shared<std::string>("-1");
-  auto cancel = std::make_shared<bool>(false);
-  image->add_option("FILE", *imageFile, "Binary image file (not empty)");
-  image->add_option("--start", *start, "Start address sent with the announcement (-1: none)");
-  image->add_flag("--cancel", *cancel, "Announce an empty image: abandons a download in progress");
-  image->callback([&ctx, imageFile, start, cancel]() {
-    if (imageFile->empty() == !*cancel) throw CLI::ValidationError("image", "give FILE or --cancel");
-    ctx.run = [imageFile, start, cancel](Context& c) {
-      if (*cancel) CancelImage(c);
-      else Image(c, *imageFile, *start);
-    };
-  });
 }
 
 }  // namespace tamrik::cli

@@ -1,15 +1,12 @@
 // Identity, state and control of the gateway: info, modules, errors, clock, opmode,
 // address, switches, leds, reset, fbi, tr, service-baud.
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <functional>
-#include <optional>
 #include <vector>
 
-#include "Tool.h"
+#include "Commands.h"
+#include "protocol/Codec.h"
 
 namespace tamrik::cli {
 namespace {
@@ -32,7 +29,8 @@ int32_t ReadValue(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*
   return value;
 }
 
-std::vector<int32_t> ReadValues(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*, int32_t*, int32_t*, int32_t*)) {
+std::vector<int32_t> ReadValues(Context& ctx, const char* method,
+                                uint32_t (*call)(tamrik_com*, int32_t*, int32_t*, int32_t*)) {
   tamrik_com* com = ctx.Connect().com();
   return ReceiveValues(method, kListRoom, [&](int32_t* data, int32_t* count, int32_t* error) {
     return call(com, data, count, error);
@@ -42,10 +40,10 @@ std::vector<int32_t> ReadValues(Context& ctx, const char* method, uint32_t (*cal
 void RunControl(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*, int32_t*), const char* done) {
   int32_t error = 0;
   Check(method, call(ctx.Connect().com(), &error), error);
-  ctx.result.Set("done", done);
+  ctx.result["done"] = done;
 }
 
-// Sends one value with a set method; the caller has asked for --yes already.
+// Sends one value with a set method; the command has passed the --yes guard.
 void SetValue(Context& ctx, const char* method, uint32_t (*call)(tamrik_com*, int32_t*, int32_t*), int32_t value) {
   int32_t error = 0;
   Check(method, call(ctx.Connect().com(), &value, &error), error);
@@ -55,89 +53,47 @@ Json ReadClock(Context& ctx) {
   int32_t days = 0, hours = 0, minutes = 0, seconds = 0, error = 0;
   Check("kaVGetGatewayTime",
         tamrik_kaVGetGatewayTime(ctx.Connect().com(), &days, &hours, &minutes, &seconds, &error), error);
-  Json clock = Json::Object();
-  clock.Set("text", FormatDuration(days, hours, minutes, seconds));
-  clock.Set("days", days);
-  clock.Set("hours", hours);
-  clock.Set("minutes", minutes);
-  clock.Set("seconds", seconds);
-  clock.Set("total_seconds", int64_t(days) * 86400 + hours * 3600 + minutes * 60 + seconds);
-  return clock;
+  return {{"text", FormatDuration(days, hours, minutes, seconds)},
+          {"days", days},
+          {"hours", hours},
+          {"minutes", minutes},
+          {"seconds", seconds},
+          {"total_seconds", int64_t(days) * 86400 + hours * 3600 + minutes * 60 + seconds}};
 }
 
-Json Hex16(int32_t value) { return Json::Hex(uint32_t(value) & 0xFFFF, 4); }
+uint32_t Low16(int32_t value) { return uint32_t(value) & 0xFFFF; }
 
 Json ReadBootHwInfo(Context& ctx) {
   // The count comes back in bytes; each value holds one 16-bit word.
   const std::vector<int32_t> words = ReadValues(ctx, "kavGetBootFctsHwInfo", tamrik_kavGetBootFctsHwInfo);
-  Json hw = Json::Array();
-  for (size_t i = 0; i < words.size() / 2; ++i) hw.Push(Hex16(words[i]));
+  Json hw = Json::array();
+  for (size_t i = 0; i < words.size() / 2; ++i) hw.push_back(Low16(words[i]));
   return hw;
 }
 
-void Info(Context& ctx) {
-  std::vector<CallFailed> failures;
-  Json identity = ReadIdentity(ctx, &failures);
-  for (const auto& [key, value] : identity.Fields()) ctx.result.Set(key, value);
-  if (failures.empty()) return;
-  // What could be read is shown; the run still fails, with the first failure as its error.
-  ctx.status = kExitFailed;
-  for (const CallFailed& failure : failures)
-    std::fprintf(stderr, "tamrik: %s failed: %s\n", failure.method.c_str(), FormatCode(failure.code).c_str());
-  Json error = ErrorObject(failures.front().code);
-  error.Set("method", failures.front().method);
-  if (ctx.json) ctx.result.Set("error", error);
-  std::fprintf(stderr, "tamrik: %zu of %zu parts of info could not be read\n", failures.size(), identity.Size());
-}
-
 Json ErrorRow(const std::vector<int32_t>& data, size_t at, int32_t entry, int32_t recordSize) {
-  Json row = Json::Object();
-  row.Set("entry", entry);
-  row.Set("code", Json::Hex(uint32_t(data[at + 1]) & 0xFF, 2));
-  row.Set("duration", FormatDuration(data[at + 2], data[at + 3], data[at + 4], data[at + 5], data[at + 6]));
-  row.Set("duration_ms", int64_t(data[at + 2]) * 86400000 + int64_t(data[at + 3]) * 3600000 +
-                             int64_t(data[at + 4]) * 60000 + int64_t(data[at + 5]) * 1000 + data[at + 6]);
   std::vector<uint8_t> extra;
   for (int32_t k = 7; k < recordSize && at + size_t(k) < data.size(); ++k) extra.push_back(uint8_t(data[at + k]));
-  row.Set("extra", Json::Bytes(extra));
-  return row;
-}
-
-void Errors(Context& ctx) {
-  tamrik_com* com = ctx.Connect().com();
-  int32_t entries = 0;
-  const std::vector<int32_t> data =
-      ReceiveValues("kaVGetGatewayErrorList", 1024, [&](int32_t* values, int32_t* size, int32_t* error) {
-        return tamrik_kaVGetGatewayErrorList(com, &entries, values, size, error);
-      });
-  Json list = Json::Array();
-  size_t at = 0;
-  for (int32_t n = 0; n < entries && at + 7 <= data.size(); ++n) {
-    // Records lie back to back; the first value of each is its size in values.
-    const int32_t recordSize = std::max(data[at], 7);
-    list.Push(ErrorRow(data, at, n + 1, recordSize));
-    at += size_t(recordSize);
-  }
-  ctx.result.Set("count", entries);
-  if (list.Size() > 0) ctx.result.Set("errors", list);
+  return {{"entry", entry},
+          {"code", uint32_t(data[at + 1]) & 0xFF},
+          {"duration", FormatDuration(data[at + 2], data[at + 3], data[at + 4], data[at + 5], data[at + 6])},
+          {"duration_ms", int64_t(data[at + 2]) * 86400000 + int64_t(data[at + 3]) * 3600000 +
+                              int64_t(data[at + 4]) * 60000 + int64_t(data[at + 5]) * 1000 + data[at + 6]},
+          {"extra", extra}};
 }
 
 // One part of the identity: its value, or (with failures to collect them) what made it fail.
 void Part(Context& ctx, Json& info, const char* key, std::vector<CallFailed>* failures,
           const std::function<Json()>& read) {
   try {
-    info.Set(key, read());
+    info[key] = read();
   } catch (const CallFailed& failure) {
     if (failures == nullptr) throw;
     failures->push_back(failure);
     if (ctx.json) {
-      Json error = ErrorObject(failure.code);
-      error.Set("method", failure.method);
-      Json part = Json::Object();
-      part.Set("error", error);
-      info.Set(key, part);
+      info[key] = {{"error", MethodError(failure)}};
     } else {
-      info.Set(key, "FAILED " + FormatCode(failure.code) + " (" + failure.method + ")");
+      info[key] = "FAILED " + FormatCode(failure.code) + " (" + failure.method + ")";
     }
   }
 }
@@ -145,36 +101,33 @@ void Part(Context& ctx, Json& info, const char* key, std::vector<CallFailed>* fa
 }  // namespace
 
 Json ReadIdentity(Context& ctx, std::vector<CallFailed>* failures) {
+  using TextCall = uint32_t (*)(tamrik_com*, char*, int32_t*, int32_t*);
+  using ValueCall = uint32_t (*)(tamrik_com*, int32_t*, int32_t*);
   // A link that does not open fails the whole command, not each part alike.
   tamrik_com* com = ctx.Connect().com();
-  Json info = Json::Object();
+  Json info = Json::object();
+  auto text = [&](const char* key, const char* method, TextCall call) {
+    Part(ctx, info, key, failures, [&]() -> Json { return ReadText(ctx, method, call); });
+  };
+  auto value = [&](const char* key, const char* method, ValueCall call, uint32_t mask) {
+    Part(ctx, info, key, failures, [&]() -> Json { return uint32_t(ReadValue(ctx, method, call)) & mask; });
+  };
   Part(ctx, info, "driver_version", failures, [&]() -> Json {
-    return ReceiveText("kaVGetVersion", 64, [&](char* text, int32_t* count, int32_t* error) {
-      return tamrik_kaVGetVersion(com, text, count, error);
+    return ReceiveText("kaVGetVersion", 64, [&](char* version, int32_t* count, int32_t* error) {
+      return tamrik_kaVGetVersion(com, version, count, error);
     });
   });
-  Part(ctx, info, "identity", failures, [&]() -> Json { return ReadText(ctx, "kaVGetGatewayIdSring", tamrik_kaVGetGatewayIdSring); });
-  Part(ctx, info, "version", failures, [&] { return Hex16(ReadValue(ctx, "kaVGetGatewayVersion", tamrik_kaVGetGatewayVersion)); });
-  Part(ctx, info, "version_string", failures, [&]() -> Json {
-    return ReadText(ctx, "kaVGetGatewayVersionString", tamrik_kaVGetGatewayVersionString);
-  });
-  Part(ctx, info, "boot_id", failures, [&]() -> Json {
-    return ReadText(ctx, "kaVGetGatewayBootFunctionIdString", tamrik_kaVGetGatewayBootFunctionIdString);
-  });
-  Part(ctx, info, "boot_version", failures,
-       [&] { return Hex16(ReadValue(ctx, "kaVGetGatewayBootVersion", tamrik_kaVGetGatewayBootVersion)); });
+  text("identity", "kaVGetGatewayIdSring", tamrik_kaVGetGatewayIdSring);
+  value("version", "kaVGetGatewayVersion", tamrik_kaVGetGatewayVersion, 0xFFFF);
+  text("version_string", "kaVGetGatewayVersionString", tamrik_kaVGetGatewayVersionString);
+  text("boot_id", "kaVGetGatewayBootFunctionIdString", tamrik_kaVGetGatewayBootFunctionIdString);
+  value("boot_version", "kaVGetGatewayBootVersion", tamrik_kaVGetGatewayBootVersion, 0xFFFF);
   Part(ctx, info, "boot_hw_info", failures, [&] { return ReadBootHwInfo(ctx); });
-  Part(ctx, info, "gateway_id", failures, [&] {
-    return Json::Hex(uint32_t(ReadValue(ctx, "kaVGetGatewayId", tamrik_kaVGetGatewayId)), 8);
-  });
-  Part(ctx, info, "station_address", failures,
-       [&]() -> Json { return ReadValue(ctx, "kaVGetStationAddress", tamrik_kaVGetStationAddress); });
-  Part(ctx, info, "operation_mode", failures, [&]() -> Json {
-    return ReadValue(ctx, "kaVGetGatewayOperationMode", tamrik_kaVGetGatewayOperationMode) & 0xFF;
-  });
-  Part(ctx, info, "switches", failures,
-       [&] { return Hex16(ReadValue(ctx, "kaVGetCurrentGwSwitches", tamrik_kaVGetCurrentGwSwitches)); });
-  Part(ctx, info, "clock", failures, [&] { return *ReadClock(ctx).Find("text"); });
+  value("gateway_id", "kaVGetGatewayId", tamrik_kaVGetGatewayId, 0xFFFFFFFF);
+  value("station_address", "kaVGetStationAddress", tamrik_kaVGetStationAddress, 0xFFFFFFFF);
+  value("operation_mode", "kaVGetGatewayOperationMode", tamrik_kaVGetGatewayOperationMode, 0xFF);
+  value("switches", "kaVGetCurrentGwSwitches", tamrik_kaVGetCurrentGwSwitches, 0xFFFF);
+  Part(ctx, info, "clock", failures, [&]() -> Json { return ReadClock(ctx)["text"]; });
   return info;
 }
 
@@ -189,163 +142,127 @@ Json ReadModules(Context& ctx) {
     revisions = ReadValues(ctx, "kaVGetModuleSWRev", tamrik_kaVGetModuleSWRev);
     types = ReadValues(ctx, "kaVGetModuleTyp", tamrik_kaVGetModuleTyp);
   }
-  Json rows = Json::Array();
+  auto low8 = [](const std::vector<int32_t>& values, size_t i) -> Json {
+    return i < values.size() ? Json(uint32_t(values[i]) & 0xFF) : Json();
+  };
+  Json rows = Json::array();
   for (size_t i = 0; i < ids.size(); ++i) {
     const uint32_t id = uint32_t(ids[i]) & 0xFFFFFF;
-    Json row = Json::Object();
-    row.Set("slot", int64_t(i) + 1);
-    row.Set("id", Json::Hex(id, 6));
     // Live, each value of the status list carries the identifier above its status byte.
-    row.Set("status", live && i < withStatus.size() ? Json::Hex(uint32_t(withStatus[i]) & 0xFF, 2) : Json());
-    row.Set("sw_revision", i < revisions.size() ? Json::Hex(uint32_t(revisions[i]) & 0xFF, 2) : Json());
-    row.Set("type", i < types.size() ? Json::Hex(uint32_t(types[i]) & 0xFF, 2) : Json());
-    row.Set("diag_bytes", DiagLength(id));
-    rows.Push(row);
+    rows.push_back({{"slot", i + 1},
+                    {"id", id},
+                    {"status", live ? low8(withStatus, i) : Json()},
+                    {"sw_revision", low8(revisions, i)},
+                    {"type", low8(types, i)},
+                    {"diag_bytes", protocol::DiagnosisLength(id)}});
   }
   return rows;
 }
 
-namespace {
-
-void Modules(Context& ctx) {
-  Json modules = ReadModules(ctx);
-  ctx.result.Set("count", int64_t(modules.Size()));
-  ctx.result.Set("modules", modules);
+void Info(Context& ctx, const Args&) {
+  std::vector<CallFailed> failures;
+  const Json identity = ReadIdentity(ctx, &failures);
+  ctx.result.update(identity);
+  if (failures.empty()) return;
+  // What could be read is shown; the run still fails, with the first failure as its error.
+  ctx.status = kExitFailed;
+  for (const CallFailed& failure : failures)
+    std::fprintf(stderr, "tamrik: %s failed: %s\n", failure.method.c_str(), FormatCode(failure.code).c_str());
+  if (ctx.json) ctx.result["error"] = MethodError(failures.front());
+  std::fprintf(stderr, "tamrik: %zu of %zu parts of info could not be read\n", failures.size(), identity.size());
 }
 
-void Clock(Context& ctx) {
+void Errors(Context& ctx, const Args&) {
+  tamrik_com* com = ctx.Connect().com();
+  int32_t entries = 0;
+  const std::vector<int32_t> data =
+      ReceiveValues("kaVGetGatewayErrorList", 1024, [&](int32_t* values, int32_t* size, int32_t* error) {
+        return tamrik_kaVGetGatewayErrorList(com, &entries, values, size, error);
+      });
+  Json list = Json::array();
+  size_t at = 0;
+  for (int32_t n = 0; n < entries && at + 7 <= data.size(); ++n) {
+    // Records lie back to back; the first value of each is its size in values.
+    const int32_t recordSize = std::max(data[at], 7);
+    list.push_back(ErrorRow(data, at, n + 1, recordSize));
+    at += size_t(recordSize);
+  }
+  ctx.result["count"] = entries;
+  if (!list.empty()) ctx.result["errors"] = list;
+}
+
+void Modules(Context& ctx, const Args&) {
+  const Json modules = ReadModules(ctx);
+  ctx.result["count"] = modules.size();
+  ctx.result["modules"] = modules;
+}
+
+void Clock(Context& ctx, const Args&) {
   const Json clock = ReadClock(ctx);
-  for (const auto& [key, value] : clock.Fields()) ctx.result.Set(key == "text" ? "clock" : key, value);
+  for (const auto& [key, value] : clock.items()) ctx.result[key == "text" ? "clock" : key] = value;
 }
 
-void Switches(Context& ctx) {
-  ctx.result.Set("switches", Hex16(ReadValue(ctx, "kaVGetCurrentGwSwitches", tamrik_kaVGetCurrentGwSwitches)));
+void Switches(Context& ctx, const Args&) {
+  ctx.result["switches"] = Low16(ReadValue(ctx, "kaVGetCurrentGwSwitches", tamrik_kaVGetCurrentGwSwitches));
 }
 
-void Reset(Context& ctx) {
-  ctx.RequireYes("reset the gateway (hardware reset)");
+void Reset(Context& ctx, const Args&) {
   RunControl(ctx, "kaVExecHardwareReset", tamrik_kaVExecHardwareReset, "hardware reset");
 }
 
-void OperationMode(Context& ctx, const std::string& text) {
-  if (!text.empty()) {
-    const int32_t mode = int32_t(ParseNumber(text, "MODE", 0, 255));
-    ctx.RequireYes("set the operation mode to " + std::to_string(mode));
+void OperationMode(Context& ctx, const Args& args) {
+  if (args.Has("MODE")) {
+    const int32_t mode = int32_t(args.Number("MODE"));
     SetValue(ctx, "kaVSetGatewayOperationMode", tamrik_kaVSetGatewayOperationMode, mode);
-    ctx.result.Set("set", mode);
+    ctx.result["set"] = mode;
   }
-  ctx.result.Set("operation_mode", ReadValue(ctx, "kaVGetGatewayOperationMode", tamrik_kaVGetGatewayOperationMode) & 0xFF);
+  ctx.result["operation_mode"] =
+      ReadValue(ctx, "kaVGetGatewayOperationMode", tamrik_kaVGetGatewayOperationMode) & 0xFF;
 }
 
-void StationAddress(Context& ctx, const std::string& text) {
-  std::optional<int32_t> wanted;
-  if (!text.empty()) {
-    wanted = int32_t(ParseNumber(text, "ADDRESS", 0, 255));
-    // The driver has no service of its own for the address and sends the operation-mode one.
-    ctx.RequireYes("set the station address to " + std::to_string(*wanted) +
-                   " (the request carries the operation-mode service code 262, so the gateway may take " +
-                   std::to_string(*wanted) + " for a new operation mode)");
-    SetValue(ctx, "kaVSetStationAddress", tamrik_kaVSetStationAddress, *wanted);
-    ctx.result.Set("set", *wanted);
+void StationAddress(Context& ctx, const Args& args) {
+  const bool set = args.Has("ADDRESS");
+  const int32_t wanted = int32_t(args.Number("ADDRESS"));
+  if (set) {
+    SetValue(ctx, "kaVSetStationAddress", tamrik_kaVSetStationAddress, wanted);
+    ctx.result["set"] = wanted;
   }
   const int32_t now = ReadValue(ctx, "kaVGetStationAddress", tamrik_kaVGetStationAddress);
-  ctx.result.Set("station_address", now);
-  if (wanted && now != *wanted) {
-    ctx.result.Set("note", "the gateway did not take the new address: the driver sends it with the "
-                           "operation-mode service (262), which a gateway may take for a new operation mode");
+  ctx.result["station_address"] = now;
+  if (set && now != wanted) {
+    ctx.result["note"] = "the gateway did not take the new address: the driver sends it with the "
+                         "operation-mode service (262), which a gateway may take for a new operation mode";
   }
 }
 
-void Leds(Context& ctx, const std::string& text) {
-  const int32_t leds = int32_t(ParseNumber(text, "VALUE", 0, 0xFFFF));
-  ctx.RequireYes("set the LEDs to " + Hex16(leds).Text());
+void Leds(Context& ctx, const Args& args) {
+  const int32_t leds = int32_t(args.Number("VALUE"));
   SetValue(ctx, "kaVSetGatewayLeds", tamrik_kaVSetGatewayLeds, leds);
-  ctx.result.Set("leds", Hex16(leds));
+  ctx.result["leds"] = leds;
 }
 
-void FieldBus(Context& ctx, const std::string& action) {
-  ctx.RequireYes(action + " the field-bus interface");
-  if (action == "start") {
+void FieldBus(Context& ctx, const Args& args) {
+  if (args.Word("ACTION") == "start") {
     RunControl(ctx, "kaVGatewayFbiStart", tamrik_kaVGatewayFbiStart, "field-bus interface started");
   } else {
     RunControl(ctx, "kaVGatewayFbiReset", tamrik_kaVGatewayFbiReset, "field-bus interface reset");
   }
 }
 
-void TrBuffer(Context& ctx, const std::string& action) {
-  if (action == "clear") {
-    ctx.RequireYes("clear the TR buffer");
+void TrBuffer(Context& ctx, const Args& args) {
+  if (args.Word("ACTION") == "clear") {
     RunControl(ctx, "kaVClearTRBuffer", tamrik_kaVClearTRBuffer, "TR buffer cleared");
     return;
   }
   const std::vector<uint8_t> bytes = ValuesToBytes(ReadValues(ctx, "kaVGetTRBuffer", tamrik_kaVGetTRBuffer));
-  ctx.result.Set("count", int64_t(bytes.size()));
-  ctx.result.Set("tr_buffer", Json::Bytes(bytes));
+  ctx.result["count"] = bytes.size();
+  ctx.result["tr_buffer"] = bytes;
 }
 
-void ServiceBaud(Context& ctx, const std::string& text) {
-  const int32_t rate = int32_t(ParseNumber(text, "RATE", 9600, 115200));
-  if (rate != 9600 && rate != 19200 && rate != 38400 && rate != 57600 && rate != 115200)
-    throw UsageError("RATE must be 9600, 19200, 38400, 57600 or 115200");
-  ctx.RequireYes("set the service interface's baud rate to " + std::to_string(rate));
+void ServiceBaud(Context& ctx, const Args& args) {
+  const int32_t rate = int32_t(args.Number("RATE"));
   SetValue(ctx, "kaVSetGatewayServiceBaudrate", tamrik_kaVSetGatewayServiceBaudrate, rate);
-  ctx.result.Set("service_baud", rate);
-}
-
-// Commands without arguments.
-struct PlainCommand {
-  const char* name;
-  const char* summary;
-  void (*run)(Context&);
-};
-constexpr PlainCommand kPlainCommands[] = {
-    {"info", "Identity, versions, station address, gateway id, operation mode, switches, clock", Info},
-    {"modules", "Module list: identifiers, status, software revision, type, diagnosis size", Modules},
-    {"errors", "The gateway's error list: code, duration, extra bytes", Errors},
-    {"clock", "The gateway's clock (time since start)", Clock},
-    {"switches", "Current positions of the gateway's switches", Switches},
-    {"reset", "Hardware reset of the gateway (changes the gateway)", Reset},
-};
-
-// Commands with one word or number; choices, when given, are the words it may be.
-struct WordCommand {
-  const char* name;
-  const char* summary;
-  const char* word;
-  const char* wordHelp;
-  bool required;
-  std::vector<std::string> choices;
-  const char* fallback;  // the word when none is given
-  void (*run)(Context&, const std::string&);
-};
-const WordCommand kWordCommands[] = {
-    {"opmode", "Read the operation mode, or set it to MODE and read it back", "MODE", "New operation mode (0 to 255)",
-     false, {}, "", OperationMode},
-    {"address", "Read the station address, or set it to ADDRESS and read it back (sent with the operation-mode service)",
-     "ADDRESS", "New station address (0 to 255)", false, {}, "", StationAddress},
-    {"leds", "Set the gateway's LEDs to VALUE (16 bits)", "VALUE", "LED pattern, e.g. 0x0102", true, {}, "", Leds},
-    {"fbi", "Start or reset the gateway's field-bus interface", "ACTION", "start or reset", true, {"start", "reset"}, "",
-     FieldBus},
-    {"tr", "Read (default) or clear the gateway's TR buffer", "ACTION", "read or clear", false, {"read", "clear"}, "read",
-     TrBuffer},
-    {"service-baud", "Set the baud rate of the gateway's service interface; the line keeps its own", "RATE",
-     "9600, 19200, 38400, 57600 or 115200", true, {"9600", "19200", "38400", "57600", "115200"}, "", ServiceBaud},
-};
-
-}  // namespace
-
-void AddGatewayCommands(CLI::App& app, Context& ctx) {
-  for (const PlainCommand& command : kPlainCommands) {
-    app.add_subcommand(command.name, command.summary)->callback([&ctx, run = command.run]() { ctx.run = run; });
-  }
-  for (const WordCommand& command : kWordCommands) {
-    auto* cmd = app.add_subcommand(command.name, command.summary);
-    auto word = std::make_shared<std::string>(command.fallback);
-    auto* option = cmd->add_option(command.word, *word, command.wordHelp);
-    if (command.required) option->required();
-    if (!command.choices.empty()) option->check(CLI::IsMember(command.choices));
-    cmd->callback([&ctx, word, run = command.run]() { ctx.run = [word, run](Context& c) { run(c, *word); }; });
-  }
+  ctx.result["service_baud"] = rate;
 }
 
 }  // namespace tamrik::cli

@@ -1,7 +1,5 @@
 // watch: the inputs read again and again, what changed, and on stop a summary in the manner
 // of ping ("4 reads, 0 failures") from the driver object's counters.
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,14 +8,15 @@
 #include <optional>
 #include <vector>
 
-#include "Tool.h"
+#include "Commands.h"
+#include "Render.h"
 
 namespace tamrik::cli {
 namespace {
 
 struct WatchOptions {
-  int64_t count = 10;
-  int64_t intervalMs = 500;
+  int64_t count = 0;
+  int64_t intervalMs = 0;
   bool csv = false;
   bool reconnect = false;
 };
@@ -40,11 +39,11 @@ std::string Rfc3339Now() {
   return text;
 }
 
-std::string TwoDigits(int value) { return value < 0 ? "--" : Json::Hex(uint32_t(value), 2).Text().substr(2); }
+std::string TwoDigits(int value) { return value < 0 ? "--" : HexText(uint32_t(value), 2).substr(2); }
 
 class Watcher {
  public:
-  Watcher(Context& ctx, WatchOptions options) : ctx_(ctx), options_(options) {}
+  Watcher(Context& ctx, const WatchOptions& options) : ctx_(ctx), options_(options) {}
 
   void Run();
 
@@ -62,7 +61,7 @@ class Watcher {
 
   Context& ctx_;
   WatchOptions options_;
-  Json samples_ = Json::Array();
+  Json samples_ = Json::array();
   std::optional<std::vector<uint8_t>> previous_;
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   int64_t reads_ = 0, changes_ = 0, reconnects_ = 0, openFailures_ = 0;
@@ -104,18 +103,18 @@ void Watcher::Read(int64_t n) {
   worstMs_ = std::max(worstMs_, ms);
   ++timed_;
   std::string text;
-  Json changed = previous_ ? Changes(now, &text) : Json::Array();
-  changes_ += int64_t(changed.Size());
-  if (!previous_) text = Json::Bytes(now).Text();
+  Json changed = previous_ ? Changes(now, &text) : Json::array();
+  changes_ += int64_t(changed.size());
+  if (!previous_) text = BytesText(now);
   else if (text.empty()) text = "no change";
-  Json sample = Json::Object();
-  sample.Set("read", n + 1);
-  sample.Set("ms", SinceStartMs());
-  sample.Set("exchange_ms", ms);
-  sample.Set("inputs", Json::Bytes(now));
-  if (previous_) sample.Set("changes", changed);
-  samples_.Push(sample);
-  Row(n, ms, Json::Bytes(now).Text(), text, int64_t(changed.Size()), "");
+  Json sample = Json::object();
+  sample["read"] = n + 1;
+  sample["ms"] = SinceStartMs();
+  sample["exchange_ms"] = ms;
+  sample["inputs"] = now;
+  if (previous_) sample["changes"] = changed;
+  samples_.push_back(sample);
+  Row(n, ms, BytesText(now), text, int64_t(changed.size()), "");
   previous_ = now;
 }
 
@@ -127,13 +126,11 @@ void Watcher::Failed(int64_t n, const CallFailed& failure, double exchangeMs) {
   }
   lastFailure_ = failure;
   ++failuresByName_[tamrik_result_name(failure.code)];
-  Json sample = Json::Object();
-  sample.Set("read", n + 1);
-  sample.Set("ms", SinceStartMs());
-  Json error = ErrorObject(failure.code);
-  error.Set("method", failure.method);
-  sample.Set("error", error);
-  samples_.Push(sample);
+  Json sample = Json::object();
+  sample["read"] = n + 1;
+  sample["ms"] = SinceStartMs();
+  sample["error"] = MethodError(failure);
+  samples_.push_back(sample);
   Row(n, exchangeMs, "", "failed: " + FormatCode(failure.code), 0, tamrik_result_name(failure.code));
   if (options_.reconnect) {
     linkDown_ = true;
@@ -161,17 +158,17 @@ bool Watcher::Reopen() {
 }
 
 Json Watcher::Changes(const std::vector<uint8_t>& now, std::string* text) const {
-  Json changed = Json::Array();
+  Json changed = Json::array();
   const std::vector<uint8_t>& before = *previous_;
   for (size_t i = 0; i < std::max(now.size(), before.size()); ++i) {
     const int from = i < before.size() ? before[i] : -1;
     const int to = i < now.size() ? now[i] : -1;
     if (from == to) continue;
-    Json change = Json::Object();
-    change.Set("byte", int64_t(i));
-    change.Set("from", from < 0 ? Json() : Json::Hex(uint32_t(from), 2));
-    change.Set("to", to < 0 ? Json() : Json::Hex(uint32_t(to), 2));
-    changed.Push(change);
+    Json change = Json::object();
+    change["byte"] = int64_t(i);
+    change["from"] = from < 0 ? Json() : Json(from);
+    change["to"] = to < 0 ? Json() : Json(to);
+    changed.push_back(change);
     *text += (text->empty() ? "" : ", ") + ("[" + std::to_string(i) + "] ") + TwoDigits(from) + "->" + TwoDigits(to);
   }
   return changed;
@@ -205,24 +202,24 @@ void Watcher::Summary() {
     for (const auto& [name, n] : failuresByName_) byName[name] = std::max(byName[name], n);
   }
   int64_t failures = 0;
-  Json names = Json::Object();
+  Json names = Json::object();
   std::string list;
   for (const auto& [name, n] : byName) {
     failures += n;
-    names.Set(name, n);
+    names[name] = n;
     list += (list.empty() ? "" : ", ") + name + " " + std::to_string(n);
   }
   const double mean = timed_ > 0 ? totalMs_ / double(timed_) : 0.0;
   ctx_.printed = true;
-  ctx_.result.Set("count", reads_);
-  ctx_.result.Set("changes", changes_);
-  ctx_.result.Set("failures", failures);
-  ctx_.result.Set("failures_by_name", names);
-  ctx_.result.Set("reconnects", reconnects_);
-  ctx_.result.Set("exchange_ms_mean", mean);
-  ctx_.result.Set("exchange_ms_worst", worstMs_);
-  if (haveStats) ctx_.result.Set("exchanges", int64_t(stats.exchanges));
-  ctx_.result.Set("samples", samples_);
+  ctx_.result["count"] = reads_;
+  ctx_.result["changes"] = changes_;
+  ctx_.result["failures"] = failures;
+  ctx_.result["failures_by_name"] = names;
+  ctx_.result["reconnects"] = reconnects_;
+  ctx_.result["exchange_ms_mean"] = mean;
+  ctx_.result["exchange_ms_worst"] = worstMs_;
+  if (haveStats) ctx_.result["exchanges"] = int64_t(stats.exchanges);
+  ctx_.result["samples"] = samples_;
   char timing[96];
   std::snprintf(timing, sizeof timing, "exchange time mean %.1f ms, worst %.1f ms", mean, worstMs_);
   // The summary goes to stderr under --csv, so that the rows stay a clean table.
@@ -236,19 +233,13 @@ void Watcher::Summary() {
 
 }  // namespace
 
-void AddWatchCommand(CLI::App& app, Context& ctx) {
-  auto* cmd = app.add_subcommand("watch", "Poll the inputs, show the bytes that changed, and a summary at the end");
-  auto options = std::make_shared<WatchOptions>();
-  cmd->add_option("-n,--count", options->count, "Number of reads, 0 until Ctrl-C")
-      ->check(CLI::Range(int64_t(0), int64_t(1000000)));
-  cmd->add_option("-i,--interval", options->intervalMs, "Milliseconds between reads")
-      ->check(CLI::Range(int64_t(0), int64_t(3600000)));
-  cmd->add_flag("--csv", options->csv, "One CSV row a read: RFC 3339 time, read, ms, exchange ms, inputs, changed, error");
-  cmd->add_flag("--reconnect", options->reconnect,
-                "After a failure, open the link again (waits from 100 ms doubling to 5 s) and go on");
-  cmd->callback([&ctx, options]() {
-    ctx.run = [options](Context& c) { Watcher(c, *options).Run(); };
-  });
+void Watch(Context& ctx, const Args& args) {
+  WatchOptions options;
+  options.count = args.Number("--count");
+  options.intervalMs = args.Number("--interval");
+  options.csv = args.Has("--csv");
+  options.reconnect = args.Has("--reconnect");
+  Watcher(ctx, options).Run();
 }
 
 }  // namespace tamrik::cli

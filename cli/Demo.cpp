@@ -1,5 +1,4 @@
 // The tour: what a gateway looks like through the driver, in half a minute of reading.
-#include <CLI/CLI.hpp>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -7,7 +6,8 @@
 #include <chrono>
 #include <thread>
 
-#include "Tool.h"
+#include "Commands.h"
+#include "Render.h"
 
 namespace tamrik::cli {
 namespace {
@@ -16,7 +16,7 @@ void Heading(Context& ctx, const std::string& title) { ctx.Say("\n" + title + "\
 
 // The rendering of a result object, indented under a heading.
 void Show(Context& ctx, const Json& value) {
-  std::string text = value.Render();
+  const std::string text = Render(value);
   std::string indented;
   size_t start = 0;
   while (start < text.size()) {
@@ -56,19 +56,19 @@ Json TourOutputs(Context& ctx) {
   // proves the write.
   std::vector<uint8_t> pattern(before.size());
   for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = uint8_t(before[i] ^ (i % 2 == 0 ? 0xA5 : 0x5A));
-  Json outputs = Json::Object();
-  outputs.Set("before", Json::Bytes(before));
+  Json outputs = Json::object();
+  outputs["before"] = before;
   if (pattern.empty()) {
-    outputs.Set("note", "the station has no outputs");
+    outputs["note"] = "the station has no outputs";
   } else {
     WriteOutputs(ctx, pattern);
     const auto after = ReadOutputs(ctx);
-    outputs.Set("written", Json::Bytes(pattern));
-    outputs.Set("read_back", Json::Bytes(after));
-    outputs.Set("matches", after == pattern);
+    outputs["written"] = pattern;
+    outputs["read_back"] = after;
+    outputs["matches"] = after == pattern;
     // The outputs go back to what they were: the tour leaves no trace on the station.
     WriteOutputs(ctx, before);
-    outputs.Set("restored", ReadOutputs(ctx) == before);
+    outputs["restored"] = ReadOutputs(ctx) == before;
     if (after != pattern) {
       Show(ctx, outputs);
       throw CallFailed("kaVGetProcessOutData", 0, "the outputs read back differ from those written");
@@ -84,7 +84,7 @@ void CompareImage(Context& ctx, const sim::Simulator& sim, const std::vector<cha
   const bool same = received && received->data.size() == image.size() &&
                     std::equal(image.begin(), image.end(), received->data.begin(),
                                [](char a, uint8_t b) { return uint8_t(a) == b; });
-  download.Set("gateway_received_identical", same);
+  download["gateway_received_identical"] = same;
   ctx.Say(std::string("  the simulated gateway received ") + std::to_string(received ? received->data.size() : 0) +
           " bytes in " + std::to_string(received ? received->blocks : 0) + " blocks: " +
           (same ? "identical to the file" : "NOT the file") + "\n");
@@ -96,62 +96,52 @@ Json TourImage(Context& ctx, const Session& session) {
   for (size_t i = 0; i < image.size(); ++i) image[i] = char((i * 7 + i / 256) & 0xFF);
   const MemoryFile file(image);
   Json saved = std::move(ctx.result);
-  ctx.result = Json::Object();
+  ctx.result = Json::object();
   DownloadImage(ctx, file.path(), -1, true, "  image");
   Json download = std::move(ctx.result);
   ctx.result = std::move(saved);
-  download.Set("file", "demo-image.bin");
+  download["file"] = "demo-image.bin";
   if (const sim::Simulator* sim = session.simulator()) CompareImage(ctx, *sim, image, download);
   return download;
 }
 
-void Tour(Context& ctx) {
-  ctx.RequireYes("write a test pattern to the output image (restored afterwards) and download a 64 KiB test image");
+}  // namespace
+
+void Tour(Context& ctx, const Args&) {
   ctx.printed = true;
   Session& session = ctx.Connect();
   ctx.Say("tamrik demonstration: " + session.Describe() + "\n");
-  Json tour = Json::Object();
+  Json tour = Json::object();
 
   Heading(ctx, "Identity");
   Json identity = ReadIdentity(ctx, nullptr);
   Show(ctx, identity);
-  tour.Set("identity", identity);
+  tour["identity"] = identity;
 
   Heading(ctx, "Modules");
   Json modules = ReadModules(ctx);
-  Json table = Json::Object();
-  table.Set("modules", modules);
-  Show(ctx, table);
-  tour.Set("modules", modules);
+  Show(ctx, {{"modules", modules}});
+  tour["modules"] = modules;
 
   Heading(ctx, "Live inputs (three reads, 200 ms apart)");
-  Json reads = Json::Array();
+  Json reads = Json::array();
   for (int n = 0; n < 3; ++n) {
     if (n > 0) std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const auto inputs = ReadInputs(ctx);
-    ctx.Say("  read " + std::to_string(n + 1) + "  " + Json::Bytes(inputs).Text() + "\n");
-    reads.Push(Json::Bytes(inputs));
+    ctx.Say("  read " + std::to_string(n + 1) + "  " + BytesText(inputs) + "\n");
+    reads.push_back(inputs);
   }
-  tour.Set("inputs", reads);
-  tour.Set("outputs", TourOutputs(ctx));
+  tour["inputs"] = reads;
+  tour["outputs"] = TourOutputs(ctx);
 
   Heading(ctx, "Image download");
   if (session.demonstration()) {
     ctx.Say("  skipped: in demonstration mode the driver sends no image\n");
   } else {
-    tour.Set("image", TourImage(ctx, session));
+    tour["image"] = TourImage(ctx, session);
   }
   ctx.Say("\nDemonstration finished.\n");
-  for (const auto& [key, value] : tour.Fields()) ctx.result.Set(key, value);
+  ctx.result.update(tour);
 }
-
-}  // namespace
-
-void AddDemoCommand(CLI::App& app, Context& ctx) {
-  app.add_subcommand("demo", "A short tour: identity, modules, live inputs, an output write read back, an image download")
-      ->callback([&ctx]() { ctx.run = Tour; });
-}
-
-void RunTour(Context& ctx) { Tour(ctx); }
 
 }  // namespace tamrik::cli

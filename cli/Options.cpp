@@ -3,10 +3,28 @@
 #include <CLI/CLI.hpp>
 
 #include <array>
+#include <cstdint>
 
 #include "Tool.h"
 
 namespace tamrik::cli {
+namespace {
+
+// The options' numbers go through the tool's one reading of numbers; CLI11's own conversion
+// then sees them in decimal.
+CLI::Validator IntegerIn(int64_t low, int64_t high) {
+  return CLI::Validator(
+      [low, high](std::string& text) {
+        int64_t value = 0;
+        if (!ParseInteger(text, low, high, &value))
+          return "'" + text + "' is not a number from " + std::to_string(low) + " to " + std::to_string(high);
+        text = std::to_string(value);
+        return std::string();
+      },
+      "INT in [" + std::to_string(low) + " - " + std::to_string(high) + "]");
+}
+
+}  // namespace
 
 void AddLinkOptions(CLI::App& app, Context& ctx, std::vector<CLI::Option*>* links) {
   LinkOptions& link = ctx.link;
@@ -15,6 +33,7 @@ void AddLinkOptions(CLI::App& app, Context& ctx, std::vector<CLI::Option*>* link
                      ->group("Link");
   app.add_option("--baud", link.baud, "Baud rate of the serial line")
       ->type_name("BAUD")
+      ->transform(IntegerIn(0, INT32_MAX).description(""))
       ->check(CLI::IsMember({9600, 19200, 38400, 57600, 115200}))
       ->group("Link");
   auto* tcp = app.add_option("--tcp", link.tcp, "TCP link to HOST:PORT")->type_name("HOST:PORT")->group("Link");
@@ -64,15 +83,15 @@ void AddOtherOptions(CLI::App& app, Context& ctx) {
                  "Answer time-out in ms: serial, the read time-out (default 500); TCP and UDP, how long an answer "
                  "may take to begin (default 110)")
       ->type_name("MS")
-      ->check(CLI::Range(1, 60000))
+      ->transform(IntegerIn(1, 60000))
       ->group("Driver settings");
   app.add_option("--fw-timeout", link.firmwareTimeoutMs, "Serial read time-out during downloads in ms")
       ->type_name("MS")
-      ->check(CLI::Range(1, 600000))
+      ->transform(IntegerIn(1, 600000))
       ->group("Driver settings");
   app.add_option("--segment-pause", link.segmentPauseMs, "Pause in ms between stream segments (driver default 255)")
       ->type_name("MS")
-      ->check(CLI::Range(0, 60000))
+      ->transform(IntegerIn(0, 60000))
       ->group("Driver settings");
   app.add_option("--privileged-bits", link.privilegedBits,
                  "Bit table of the privileged response: 32 comma-separated numbers, a permutation of 0..31")

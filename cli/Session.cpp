@@ -5,39 +5,32 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 
+#include "SimGateway.h"
 #include "SimStation.h"
+#include "Tool.h"
 
 namespace tamrik::cli {
 namespace fs = std::filesystem;
 
 namespace {
 
+bool AllDigits(const std::string& text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
 // "COM3", "com3" or "3": the port number; 0 for anything else (a device path).
 int32_t ComNumber(const std::string& text) {
   std::string digits = text;
   if (digits.size() > 3 && (digits.compare(0, 3, "COM") == 0 || digits.compare(0, 3, "com") == 0))
     digits = digits.substr(3);
-  if (digits.empty() || digits.size() > 3) return 0;
-  for (char c : digits) {
-    if (c < '0' || c > '9') return 0;
-  }
-  const int32_t n = int32_t(std::strtol(digits.c_str(), nullptr, 10));
-  return n >= 1 && n <= 255 ? n : 0;
-}
-
-bool ParseNumber(const std::string& text, uint32_t* value) {
-  if (text.empty()) return false;
-  char* end = nullptr;
-  const unsigned long v = std::strtoul(text.c_str(), &end, 0);
-  if (*end != '\0') return false;
-  *value = uint32_t(v);
-  return true;
+  int64_t number = 0;
+  return AllDigits(digits) && ParseInteger(digits, 1, 255, &number) ? int32_t(number) : 0;
 }
 
 }  // namespace
@@ -50,14 +43,13 @@ bool SplitHostPort(const std::string& text, std::string* address, std::string* p
   }
   const std::string host = text.substr(0, colon);
   *port = text.substr(colon + 1);
-  for (char c : *port) {
-    if (c < '0' || c > '9') {
-      *error = "'" + *port + "' is not a port number";
-      return false;
-    }
+  // The port goes to the driver as text: decimal digits only.
+  int64_t number = 0;
+  if (!AllDigits(*port)) {
+    *error = "'" + *port + "' is not a port number";
+    return false;
   }
-  const auto number = port->size() > 5 ? 0 : std::strtol(port->c_str(), nullptr, 10);
-  if (number < 1 || number > 65535) {
+  if (!ParseInteger(*port, 1, 65535, &number)) {
     *error = "port " + *port + " is out of range";
     return false;
   }
@@ -95,34 +87,6 @@ std::string ShippedDemoFile() {
   return {};
 }
 
-bool ParseRefusal(const std::string& text, uint16_t* code, sim::Refusal* refusal, std::string* error) {
-  std::vector<std::string> parts;
-  std::stringstream in(text);
-  for (std::string part; std::getline(in, part, ':');) parts.push_back(part);
-  uint32_t value = 0;
-  if (parts.empty() || parts.size() > 3 || !ParseNumber(parts[0], &value) || value > 0x3FFF) {
-    *error = "'" + text + "' is not CODE[:BASE[:BYTE]] with a service code up to 0x3FFF";
-    return false;
-  }
-  *code = uint16_t(value);
-  *refusal = sim::Refusal{};
-  if (parts.size() >= 2) {
-    if (!ParseNumber(parts[1], &value) || (value != 0x8000 && value != 0xC000)) {
-      *error = "refusal base in '" + text + "' must be 0x8000 or 0xC000";
-      return false;
-    }
-    refusal->base = uint16_t(value);
-  }
-  if (parts.size() == 3) {
-    if (!ParseNumber(parts[2], &value) || value > 0xFF) {
-      *error = "refusal byte in '" + text + "' must be 0 to 0xFF";
-      return false;
-    }
-    refusal->data = uint8_t(value);
-  }
-  return true;
-}
-
 bool ParsePrivilegedBits(const std::string& text, std::array<uint8_t, 32>* table, std::string* error) {
   std::vector<std::string> parts;
   std::string piece;
@@ -140,8 +104,8 @@ bool ParsePrivilegedBits(const std::string& text, std::array<uint8_t, 32>* table
   }
   std::array<bool, 32> seen{};
   for (size_t i = 0; i < parts.size(); ++i) {
-    uint32_t value = 0;
-    if (!ParseNumber(parts[i], &value) || value > 31) {
+    int64_t value = 0;
+    if (!ParseInteger(parts[i], 0, 31, &value)) {
       *error = "'" + parts[i] + "' is not a bit number from 0 to 31";
       return false;
     }
@@ -217,7 +181,9 @@ void Session::CreateDriver(const LinkOptions& options) {
     else config.socket_answer_ms = *options.timeoutMs;
   }
   if (options.segmentPauseMs) config.stream_segment_sleep_ms = *options.segmentPauseMs;
-  const tamrik_port port{serialPort_, serialDevice_.c_str()};
+  tamrik_port port{};
+  port.port = serialPort_;
+  port.device = serialDevice_.c_str();
   if (!serialDevice_.empty()) {
     config.ports = &port;
     config.port_count = 1;
@@ -258,7 +224,7 @@ void Session::StartSimulator(const LinkOptions& options, Purpose purpose) {
     uint16_t code = 0;
     sim::Refusal refusal;
     std::string error;
-    if (!ParseRefusal(text, &code, &refusal, &error)) throw std::runtime_error(error);
+    if (!sim::ParseRefusal(text, &code, &refusal, &error)) throw std::runtime_error("--sim-refuse " + error);
     sim_->RefuseService(code, refusal);
   }
   if (options.simLog) {

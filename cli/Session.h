@@ -95,9 +95,6 @@ std::string ExecutableDirectory();
 // The shipped demonstration station: beside the tool, in ../share/tamrik, or in the source tree.
 std::string ShippedDemoFile();
 
-// CODE[:base[:byte]] as the simulator's refusal of a service.
-bool ParseRefusal(const std::string& text, uint16_t* code, sim::Refusal* refusal, std::string* error);
-
 // 32 numbers separated by commas or blanks that are a permutation of 0 to 31.
 bool ParsePrivilegedBits(const std::string& text, std::array<uint8_t, 32>* table, std::string* error);
 

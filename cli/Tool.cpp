@@ -4,20 +4,25 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
 
+#include "protocol/Text.h"
+
 namespace tamrik::cli {
 
 Json ErrorObject(uint32_t code) {
-  Json error = Json::Object();
-  error.Set("code", Json::Hex(code, 0));
-  error.Set("name", tamrik_result_name(code));
-  error.Set("text", tamrik_result_text(code));
+  return {{"code", code}, {"name", tamrik_result_name(code)}, {"text", tamrik_result_text(code)}};
+}
+
+Json MethodError(const CallFailed& failure) {
+  Json error = ErrorObject(failure.code);
+  error["method"] = failure.method;
   return error;
 }
 
@@ -52,8 +57,7 @@ std::string OpenFailure(const Session& session, uint32_t code) {
 
 }  // namespace
 
-void Context::RequireYes(const std::string& change) const {
-  if (!RealLink() || yes) return;
+void Context::RefuseChange(const std::string& change) const {
   throw UsageError("would " + change + " on " + LinkText(link) + "; nothing was sent. Repeat with --yes to do it");
 }
 
@@ -122,7 +126,7 @@ std::string ReceiveText(const char* method, size_t capacity, const ReceiveTextCa
     }
     Check(method, status, error);
     const size_t length = size_t(std::clamp<int32_t>(count, 0, int32_t(capacity)));
-    return std::string(text.data(), strnlen(text.data(), length));
+    return protocol::Cp1252ToUtf8(std::string_view(text.data(), strnlen(text.data(), length)));
   }
 }
 
@@ -166,12 +170,30 @@ std::vector<uint8_t> ParseBytes(const std::vector<std::string>& args) {
   return bytes;
 }
 
-int64_t ParseNumber(const std::string& text, const char* what, int64_t low, int64_t high) {
-  char* end = nullptr;
-  errno = 0;
-  const long long value = std::strtoll(text.c_str(), &end, 0);
-  if (text.empty() || *end != '\0' || errno != 0 || value < low || value > high) {
-    throw UsageError(std::string(what) + " '" + text + "' is not a number from " + std::to_string(low) + " to " +
+bool ParseInteger(std::string_view text, int64_t low, int64_t high, int64_t* value) {
+  const bool negative = !text.empty() && text.front() == '-';
+  if (negative || (!text.empty() && text.front() == '+')) text.remove_prefix(1);
+  int base = 10;
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    text.remove_prefix(2);
+    base = 16;
+  }
+  // The magnitude in 64 unsigned bits: from_chars refuses what does not fit, and a sign or
+  // blank left after the prefix is no digit.
+  uint64_t magnitude = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size()) return false;
+  if (magnitude > (negative ? uint64_t(INT64_MAX) + 1 : uint64_t(INT64_MAX))) return false;
+  const int64_t number = negative ? int64_t(0 - magnitude) : int64_t(magnitude);
+  if (number < low || number > high) return false;
+  *value = number;
+  return true;
+}
+
+int64_t ParseNumber(const std::string& text, const std::string& what, int64_t low, int64_t high) {
+  int64_t value = 0;
+  if (!ParseInteger(text, low, high, &value)) {
+    throw UsageError(what + " '" + text + "' is not a number from " + std::to_string(low) + " to " +
                      std::to_string(high));
   }
   return value;
@@ -186,11 +208,6 @@ std::vector<uint8_t> ValuesToBytes(const std::vector<int32_t>& values) {
 
 std::vector<int32_t> BytesToValues(const std::vector<uint8_t>& bytes) {
   return std::vector<int32_t>(bytes.begin(), bytes.end());
-}
-
-int32_t DiagLength(uint32_t moduleId) {
-  static constexpr int32_t kTable[16] = {0, 1, 1, 1, 1, 2, 3, 4, 6, 8, 12, 16, 24, 32, 64, 0};
-  return kTable[(moduleId >> 12) & 15];
 }
 
 std::string FormatDuration(int32_t days, int32_t hours, int32_t minutes, int32_t seconds, int32_t ms) {

@@ -5,12 +5,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "Json.h"
+#include <nlohmann/json.hpp>
+
 #include "Session.h"
 
 namespace CLI {
@@ -18,6 +19,10 @@ class App;
 }
 
 namespace tamrik::cli {
+
+// A result document: members stay in the order a command sets them, which is also the order
+// of the lines of its text rendering.
+using Json = nlohmann::ordered_json;
 
 // Exit statuses.
 inline constexpr int kExitOk = 0;
@@ -50,6 +55,8 @@ struct Interrupted : std::runtime_error {
 
 // {"code": N, "name": ..., "text": ...} as the driver names the code.
 Json ErrorObject(uint32_t code);
+// ErrorObject with the method that returned the code.
+Json MethodError(const CallFailed& failure);
 // "0x28101 Refused: the gateway refused ..."
 std::string FormatCode(uint32_t code);
 
@@ -59,22 +66,22 @@ struct Context {
   bool noProgress = false;
   bool yes = false;         // --yes: changes to a gateway on a real link are wanted
   bool linkGiven = false;   // one of --serial, --tcp, --udp, --demo, --sim
-  std::function<void(Context&)> run;  // the chosen command
-  std::string commandName;
-  Json result = Json::Object();
+  const CLI::App* app = nullptr;  // the whole command line, for help
+  Json result = Json::object();
   bool printed = false;     // the command printed its text itself
   int status = kExitOk;     // a command that ends well but reports failures sets kExitFailed
 
   // Sets up the session (once) and opens its link unless told not to.
   Session& Connect(Purpose purpose = Purpose::Gateway, bool open = true);
   Session* session() const { return session_.get(); }
-  bool simulated() const { return session_ && (session_->simulator() != nullptr || session_->loader() != nullptr); }
   // A link to equipment: neither the built-in simulator nor demonstration data.
   bool RealLink() const { return !link.sim && !link.demo; }
-  // Ends the command before anything is sent, unless the link is simulated, demonstration
-  // data, or --yes was given. change says what would have been done ("write 01 02 to the
-  // output image").
-  void RequireYes(const std::string& change) const;
+  // Changes to the gateway may be made: the link is simulated or demonstration data, or
+  // --yes was given.
+  bool ChangesAllowed() const { return !RealLink() || yes; }
+  // Ends the command before anything is sent; change says what would have been done
+  // ("write 01 02 to the output image").
+  [[noreturn]] void RefuseChange(const std::string& change) const;
   // Text for a person, only without --json.
   void Say(const std::string& text) const;
   // Progress bars may be drawn: stdout is a terminal, no --json, no --no-progress.
@@ -94,7 +101,7 @@ void Check(const char* method, uint32_t status, const int32_t& error);
 
 // A method that receives values (or characters) into the caller's array: called with the
 // array's real capacity, and once more with the room it asked for when the answer did not
-// fit. Returns what was delivered.
+// fit. Returns what was delivered; texts arrive in UTF-8 (the driver's are code page 1252).
 using ReceiveCall = std::function<uint32_t(int32_t* data, int32_t* count, int32_t* error)>;
 std::vector<int32_t> ReceiveValues(const char* method, size_t capacity, const ReceiveCall& call);
 using ReceiveTextCall = std::function<uint32_t(char* text, int32_t* count, int32_t* error)>;
@@ -102,15 +109,15 @@ std::string ReceiveText(const char* method, size_t capacity, const ReceiveTextCa
 
 // Hexadecimal bytes: "01 02", "0102", "0x01,0x02", "1:2:ff"; throws UsageError.
 std::vector<uint8_t> ParseBytes(const std::vector<std::string>& args);
-// Decimal or 0x hexadecimal, within [low, high]; throws UsageError naming what.
-int64_t ParseNumber(const std::string& text, const char* what, int64_t low, int64_t high);
+// The one reading of a number the tool has: decimal or 0x hexadecimal, an optional sign,
+// nothing after it, within [low, high]. A value that does not fit is refused, never cut.
+bool ParseInteger(std::string_view text, int64_t low, int64_t high, int64_t* value);
+// ParseInteger, or UsageError "WHAT 'TEXT' is not a number from LOW to HIGH".
+int64_t ParseNumber(const std::string& text, const std::string& what, int64_t low, int64_t high);
 
 // Values of the interface (one byte each) to bytes and back.
 std::vector<uint8_t> ValuesToBytes(const std::vector<int32_t>& values);
 std::vector<int32_t> BytesToValues(const std::vector<uint8_t>& bytes);
-
-// Diagnosis bytes of a module by bits 12 to 15 of its identifier.
-int32_t DiagLength(uint32_t moduleId);
 
 // "1d 01:01:01"
 std::string FormatDuration(int32_t days, int32_t hours, int32_t minutes, int32_t seconds, int32_t ms = -1);
@@ -128,13 +135,11 @@ class Stoppable {
   static void Sleep(int64_t ms);
 };
 
-// The command groups register their subcommands here.
-void AddGatewayCommands(CLI::App& app, Context& ctx);
-void AddDataCommands(CLI::App& app, Context& ctx);
-void AddWatchCommand(CLI::App& app, Context& ctx);
-void AddDownloadCommands(CLI::App& app, Context& ctx);
-void AddDemoCommand(CLI::App& app, Context& ctx);
-void RunTour(Context& ctx);
+// A method that reads an array of byte values, and one that sends the array and receives its
+// answer into it (the request's length is also the room for the answer).
+using ArrayCall = uint32_t (*)(tamrik_com*, int32_t*, int32_t*, int32_t*);
+std::vector<uint8_t> ReadArray(Context& ctx, const char* method, ArrayCall call);
+std::vector<uint8_t> Exchange(Context& ctx, const char* method, ArrayCall call, const std::vector<uint8_t>& request);
 
 // Reads shared by several commands. ReadIdentity reads every part it can; the parts that
 // failed hold {"error": {...}} and are listed in *failures (method and code).
@@ -144,7 +149,8 @@ std::vector<uint8_t> ReadInputs(Context& ctx);
 std::vector<uint8_t> ReadOutputs(Context& ctx);
 std::vector<uint8_t> WriteOutputs(Context& ctx, const std::vector<uint8_t>& bytes);
 // Image download with its progress bar; returns the number of blocks sent. quarters: without a
-// terminal, print the bar as a line at every quarter. SIGINT or SIGTERM cancels it.
+// terminal, print the bar as a line at every quarter. SIGINT or SIGTERM cancels it. The
+// caller has passed the --yes guard.
 int64_t DownloadImage(Context& ctx, const std::string& file, int32_t startAddress, bool quarters,
                       const std::string& label = "image");
 

@@ -4,20 +4,22 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 find_package(CLI11 CONFIG REQUIRED)
+find_package(nlohmann_json 3 REQUIRED)
 
 # --- tamrik: the command-line tool -----------------------------------------------------------
 # The tool reaches the driver only through the C interface of libtamrik.so; result names
-# come from there too.
+# come from there too. Its man page and completion are made by tamrik_progdocs, as the
+# simulator program's are.
 set(TAMRIK_TOOL_SOURCES
-  cli/main.cpp cli/Options.cpp cli/Tool.cpp cli/Session.cpp cli/Json.cpp cli/Progress.cpp
-  cli/CommandsGateway.cpp cli/CommandsData.cpp cli/CommandsWatch.cpp cli/CommandsDownload.cpp
-  cli/FileChecks.cpp cli/Manual.cpp cli/Demo.cpp)
+  cli/main.cpp cli/Options.cpp cli/CommandTable.cpp cli/CommandLine.cpp cli/Tool.cpp cli/Session.cpp
+  cli/Render.cpp cli/Progress.cpp cli/CommandsGateway.cpp cli/CommandsData.cpp cli/CommandsRaw.cpp
+  cli/CommandsWatch.cpp cli/CommandsDownload.cpp cli/FileChecks.cpp cli/Demo.cpp)
 add_executable(tamrik-tool ${TAMRIK_TOOL_SOURCES})
 set_target_properties(tamrik-tool PROPERTIES OUTPUT_NAME tamrik
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 target_include_directories(tamrik-tool PRIVATE cli)
 target_compile_definitions(tamrik-tool PRIVATE TAMRIK_VERSION="${PROJECT_VERSION}")
-target_link_libraries(tamrik-tool PRIVATE tamrik tamrik_sim CLI11::CLI11)
+target_link_libraries(tamrik-tool PRIVATE tamrik tamrik_sim tamrik_progdocs CLI11::CLI11 nlohmann_json::nlohmann_json)
 
 # The man page and the bash completion are printed by the tool from its own command table.
 set(TAMRIK_MAN_PAGE ${CMAKE_CURRENT_BINARY_DIR}/tamrik.1)
@@ -38,8 +40,8 @@ endif()
 
 # Generates the C interface reference from the method table and its hand-written notes.
 # It also writes the result code reference from the table of result names.
-add_executable(tamrik-docgen cli/docgen/main.cpp cli/docgen/CapiReference.cpp cli/docgen/ResultCodesPage.cpp cli/docgen/ServicesPage.cpp
-  comserver/ResultNames.cpp)
+add_executable(tamrik-docgen tools/docgen/main.cpp tools/docgen/CapiReference.cpp tools/docgen/ResultCodesPage.cpp
+  tools/docgen/ServicesPage.cpp comserver/ResultNames.cpp)
 target_include_directories(tamrik-docgen PRIVATE comserver)
 add_custom_target(docs
   COMMAND tamrik-docgen capi > ${CMAKE_CURRENT_SOURCE_DIR}/docs/capi.md
@@ -82,9 +84,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamrik.pc DESTINATION ${CMAKE_INSTALL_
 if(TAMRIK_BUILD_TESTS)
   # The tool and the simulator program end to end, as subprocesses.
   tamrik_test_program(tamrik_cli_tests cli tamrik_sim)
-  # The result-code test walks the code table itself against the generated page.
-  target_sources(tamrik_cli_tests PRIVATE cli/Json.cpp comserver/ResultNames.cpp)
-  target_include_directories(tamrik_cli_tests PRIVATE cli)
+  # The result-code test walks the code table itself against the generated page; the
+  # tool's documents are read with the same JSON library that writes them.
+  target_sources(tamrik_cli_tests PRIVATE comserver/ResultNames.cpp)
+  target_link_libraries(tamrik_cli_tests PRIVATE nlohmann_json::nlohmann_json)
   add_dependencies(tamrik_cli_tests tamrik-tool tamrik-sim tamrik-manual tamrik-docgen)
   target_compile_definitions(tamrik_cli_tests PRIVATE
     TAMRIK_TOOL="$<TARGET_FILE:tamrik-tool>"

@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "SimFrame.h"
 #include "protocol/Codec.h"
+#include "protocol/ServiceTable.h"
 
 namespace tamrik::sim {
 
@@ -19,7 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr uint16_t kFirmwareStart = 0x107;
 constexpr uint8_t kWake = 0x00;
 constexpr uint8_t kRecordStart = ':';
 // The longest the thread sleeps without looking at the stop request or an idle gap.
@@ -115,132 +116,135 @@ bool SimBootLoader::TakeStage(bool idle, std::optional<size_t> length, std::vect
 }
 
 void SimBootLoader::Process(bool idle) {
-  // Each pass may complete one step; loop while steps complete, since one read can carry
-  // the end of one stage and the start of the next.
-  for (bool progress = true; progress;) {
-    progress = false;
-    switch (phase_) {
-      case Phase::Wake: {
-        if (pending_.empty()) break;
-        const auto wake = std::find(pending_.begin(), pending_.end(), kWake);
-        {
-          std::lock_guard lock(mutex_);
-          stray_.insert(stray_.end(), pending_.begin(), wake);
-          if (wake != pending_.end()) ++wakeBytes_;
-        }
-        if (wake == pending_.end()) {
-          pending_.clear();
-          break;
-        }
-        pending_.erase(pending_.begin(), wake + 1);
-        BeginDownload();
-        Send(config_.ident);
-        phase_ = Phase::Stage1;
-        progress = true;
-        break;
-      }
-      case Phase::Stage1:
-      case Phase::Stage2:
-      case Phase::Stage3: {
-        const int index = phase_ == Phase::Stage1 ? 0 : phase_ == Phase::Stage2 ? 1 : 2;
-        const std::optional<size_t> lengths[3] = {config_.stage1Length, config_.stage2Length,
-                                                  config_.stage3Length};
-        if (WakeAgain(idle, lengths[index])) {
-          phase_ = Phase::Wake;
-          progress = true;
-          break;
-        }
-        std::vector<uint8_t> bytes;
-        if (!TakeStage(idle, lengths[index], &bytes)) break;
-        Notify({.kind = BootEvent::Kind::Stage, .stage = index + 1, .bytes = &bytes});
-        {
-          std::lock_guard lock(mutex_);
-          stages_[index] = std::move(bytes);
-        }
-        changed_.notify_all();
-        if (phase_ == Phase::Stage1) {
-          if (config_.stage1Answer) Send(*config_.stage1Answer);
-          phase_ = config_.stage2 ? Phase::Stage2 : Phase::Stage3;
-        } else if (phase_ == Phase::Stage2) {
-          if (config_.stage2Answer) Send(*config_.stage2Answer);
-          phase_ = Phase::Stage3;
-        } else {
-          if (config_.ready) Send(*config_.ready);
-          phase_ = Phase::Records;
-        }
-        progress = true;
-        break;
-      }
-      case Phase::StartFrame: {
-        const auto start = std::find(pending_.begin(), pending_.end(), protocol::kStartByte);
-        if (start != pending_.begin()) {
-          std::lock_guard lock(mutex_);
-          stray_.insert(stray_.end(), pending_.begin(), start);
-        }
-        pending_.erase(pending_.begin(), start);
-        if (pending_.size() < protocol::kHeaderSize) break;
-        const protocol::AnswerHeader header = protocol::ParseHeader(pending_.data() + 1);
-        const size_t length = header.FrameLength();
-        if (pending_.size() < length) break;
-        std::vector<uint8_t> frame(pending_.begin(), pending_.begin() + std::ptrdiff_t(length));
-        pending_.erase(pending_.begin(), pending_.begin() + std::ptrdiff_t(length));
-        const bool valid = protocol::VerifyCheckValue(frame.data(), frame.size());
-        {
-          std::lock_guard lock(mutex_);
-          frames_.push_back(frame);
-        }
-        changed_.notify_all();
-        if (valid && header.code == kFirmwareStart) {
-          BeginDownload();
-          if (config_.answerStartFrame) {
-            const uint16_t code = kFirmwareStart | protocol::kAnswerBit;
-            uint8_t answer[protocol::kFrameOverhead] = {protocol::kStartByte, uint8_t(code), uint8_t(code >> 8), 0, 0};
-            protocol::ComputeCheckValue(answer, sizeof answer);
-            SendBytes(answer, sizeof answer);
-          }
-          if (config_.ready) Send(*config_.ready);
-          phase_ = Phase::Records;
-        }
-        progress = true;
-        break;
-      }
-      case Phase::Records: {
-        if (pending_.empty()) break;
-        // A new download begins with its start request again, or with the wake byte of the
-        // chain, which no record starts with.
-        const uint8_t nextStart = config_.stages ? kWake : protocol::kStartByte;
-        if (pending_.front() == nextStart) {
-          phase_ = config_.stages ? Phase::Wake : Phase::StartFrame;
-          progress = true;
-          break;
-        }
-        if (pending_.front() != kRecordStart) {
-          const auto start = std::find_if(pending_.begin(), pending_.end(),
-                                          [&](uint8_t b) { return b == kRecordStart || b == nextStart; });
-          {
-            std::lock_guard lock(mutex_);
-            stray_.insert(stray_.end(), pending_.begin(), start);
-          }
-          pending_.erase(pending_.begin(), start);
-          progress = !pending_.empty();
-          break;
-        }
-        if (!idle) break;
-        uint8_t answer = config_.recordAnswer;
-        if (answerIndex_ < config_.recordAnswers.size()) answer = config_.recordAnswers[answerIndex_++];
-        std::vector<uint8_t> record;
-        record.swap(pending_);
-        {
-          std::lock_guard lock(mutex_);
-          records_.push_back(record);
-        }
-        changed_.notify_all();
-        Notify({.kind = BootEvent::Kind::Record, .record = ++downloadRecords_, .bytes = &record});
-        Send(answer);
-        break;
-      }
-    }
+  // One read can carry the end of one stage and the start of the next: step on while steps
+  // complete.
+  while (Step(idle)) {
   }
+}
+
+bool SimBootLoader::Step(bool idle) {
+  switch (phase_) {
+    case Phase::Wake: return TakeWake();
+    case Phase::Stage1:
+    case Phase::Stage2:
+    case Phase::Stage3: return TakeStagePhase(idle);
+    case Phase::StartFrame: return TakeStartFrame();
+    case Phase::Records: return TakeRecord(idle);
+  }
+  return false;
+}
+
+bool SimBootLoader::TakeWake() {
+  if (pending_.empty()) return false;
+  DropStray(std::find(pending_.begin(), pending_.end(), kWake));
+  if (pending_.empty()) return false;
+  {
+    std::lock_guard lock(mutex_);
+    ++wakeBytes_;
+  }
+  pending_.erase(pending_.begin());
+  BeginDownload();
+  Send(config_.ident);
+  phase_ = Phase::Stage1;
+  return true;
+}
+
+bool SimBootLoader::TakeStagePhase(bool idle) {
+  const int index = phase_ == Phase::Stage1 ? 0 : phase_ == Phase::Stage2 ? 1 : 2;
+  const std::optional<size_t> lengths[3] = {config_.stage1Length, config_.stage2Length, config_.stage3Length};
+  if (WakeAgain(idle, lengths[index])) {
+    phase_ = Phase::Wake;
+    return true;
+  }
+  std::vector<uint8_t> bytes;
+  if (!TakeStage(idle, lengths[index], &bytes)) return false;
+  Notify({.kind = BootEvent::Kind::Stage, .stage = index + 1, .bytes = &bytes});
+  {
+    std::lock_guard lock(mutex_);
+    stages_[index] = std::move(bytes);
+  }
+  changed_.notify_all();
+  AnswerStage();
+  return true;
+}
+
+// The answer to the stage just taken, and the phase after it.
+void SimBootLoader::AnswerStage() {
+  if (phase_ == Phase::Stage1) {
+    if (config_.stage1Answer) Send(*config_.stage1Answer);
+    phase_ = config_.stage2 ? Phase::Stage2 : Phase::Stage3;
+  } else if (phase_ == Phase::Stage2) {
+    if (config_.stage2Answer) Send(*config_.stage2Answer);
+    phase_ = Phase::Stage3;
+  } else {
+    if (config_.ready) Send(*config_.ready);
+    phase_ = Phase::Records;
+  }
+}
+
+bool SimBootLoader::TakeStartFrame() {
+  DropStray(std::find(pending_.begin(), pending_.end(), protocol::kStartByte));
+  if (pending_.size() < protocol::kHeaderSize) return false;
+  const protocol::AnswerHeader header = protocol::ParseHeader(pending_.data() + 1);
+  const size_t length = header.FrameLength();
+  if (pending_.size() < length) return false;
+  std::vector<uint8_t> frame(pending_.begin(), pending_.begin() + std::ptrdiff_t(length));
+  pending_.erase(pending_.begin(), pending_.begin() + std::ptrdiff_t(length));
+  const bool valid = protocol::VerifyCheckValue(frame.data(), frame.size());
+  {
+    std::lock_guard lock(mutex_);
+    frames_.push_back(frame);
+  }
+  changed_.notify_all();
+  if (valid && header.code == kServiceFirmwareDownload) {
+    BeginDownload();
+    if (config_.answerStartFrame) {
+      SendBytes(BuildFrame(uint16_t(kServiceFirmwareDownload | protocol::kAnswerBit), {}));
+    }
+    if (config_.ready) Send(*config_.ready);
+    phase_ = Phase::Records;
+  }
+  return true;
+}
+
+// A record is all that is pending once the line has gone idle, as it may hold ':' itself.
+bool SimBootLoader::TakeRecord(bool idle) {
+  if (pending_.empty()) return false;
+  // A new download begins with its start request again, or with the wake byte of the
+  // chain, which no record starts with.
+  const uint8_t nextStart = config_.stages ? kWake : protocol::kStartByte;
+  if (pending_.front() == nextStart) {
+    phase_ = config_.stages ? Phase::Wake : Phase::StartFrame;
+    return true;
+  }
+  if (pending_.front() != kRecordStart) {
+    DropStray(std::find_if(pending_.begin(), pending_.end(),
+                           [&](uint8_t b) { return b == kRecordStart || b == nextStart; }));
+    return !pending_.empty();
+  }
+  if (!idle) return false;
+  uint8_t answer = config_.recordAnswer;
+  if (answerIndex_ < config_.recordAnswers.size()) answer = config_.recordAnswers[answerIndex_++];
+  std::vector<uint8_t> record;
+  record.swap(pending_);
+  {
+    std::lock_guard lock(mutex_);
+    records_.push_back(record);
+  }
+  changed_.notify_all();
+  Notify({.kind = BootEvent::Kind::Record, .record = ++downloadRecords_, .bytes = &record});
+  Send(answer);
+  return false;  // nothing is left pending
+}
+
+// Bytes ahead of what the dialogue waits for fit nowhere: gone from the line, kept for Stray().
+void SimBootLoader::DropStray(std::vector<uint8_t>::iterator end) {
+  if (end == pending_.begin()) return;
+  {
+    std::lock_guard lock(mutex_);
+    stray_.insert(stray_.end(), pending_.begin(), end);
+  }
+  pending_.erase(pending_.begin(), end);
 }
 
 // A host that gave up half-way starts over with the wake byte, while the loader still waits
@@ -270,14 +274,15 @@ void SimBootLoader::Notify(BootEvent event) {
   config_.observer(event);
 }
 
-void SimBootLoader::Send(uint8_t byte) { SendBytes(&byte, 1); }
+void SimBootLoader::Send(uint8_t byte) { SendBytes({&byte, 1}); }
 
-void SimBootLoader::SendBytes(const uint8_t* bytes, size_t length) {
+void SimBootLoader::SendBytes(std::span<const uint8_t> bytes) {
+  const size_t length = bytes.size();
   size_t sent = 0;
   // The input queue of a line holds far more than the loader ever says at once; a full
   // queue would mean a driver that stopped reading, and then a lost answer is what it gets.
   for (int attempt = 0; sent < length && attempt < 100; ++attempt) {
-    const ssize_t n = ::write(master_, bytes + sent, length - sent);
+    const ssize_t n = ::write(master_, bytes.data() + sent, length - sent);
     if (n > 0) {
       sent += size_t(n);
     } else if (n < 0 && errno != EINTR && errno != EAGAIN) {

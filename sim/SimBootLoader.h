@@ -12,6 +12,7 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,7 +31,7 @@ struct BootEvent {
 
 struct BootLoaderConfig {
   // With stages: the whole chain (wake byte, stages 1 to 3, records). Without: the firmware
-  // start request (service 263) arrives as a frame, is answered with a frame, and the
+  // start request (FirmwareDownload) arrives as a frame, is answered with a frame, and the
   // records follow.
   bool stages = true;
 
@@ -46,8 +47,8 @@ struct BootLoaderConfig {
   bool stage2 = true;                         // false: stage 3 follows stage 1
   std::optional<uint8_t> stage2Answer = 'K';  // outside the answer table: accepted
 
-  bool answerStartFrame = true;        // records-only mode: answer service 263
-  std::optional<uint8_t> ready = 'r';  // after stage 3, or after the answer to service 263
+  bool answerStartFrame = true;        // records-only mode: answer the start request
+  std::optional<uint8_t> ready = 'r';  // after stage 3, or after the answer to the start request
 
   // One answer per record received, repetitions included; once used up, recordAnswer.
   std::vector<uint8_t> recordAnswers;
@@ -91,12 +92,21 @@ class SimBootLoader {
 
   void Run();
   void Process(bool idle);
+  // One step of the dialogue in the current phase; true when it completed, so that the
+  // pending bytes may hold the next.
+  bool Step(bool idle);
+  bool TakeWake();
+  bool TakeStagePhase(bool idle);
+  bool TakeStartFrame();
+  bool TakeRecord(bool idle);
   bool TakeStage(bool idle, std::optional<size_t> length, std::vector<uint8_t>* out);
+  void AnswerStage();
   bool WakeAgain(bool idle, std::optional<size_t> stageLength) const;
+  void DropStray(std::vector<uint8_t>::iterator end);
   void BeginDownload();
   void Notify(BootEvent event);
   void Send(uint8_t byte);
-  void SendBytes(const uint8_t* bytes, size_t length);
+  void SendBytes(std::span<const uint8_t> bytes);
 
   BootLoaderConfig config_;
   int master_ = -1;

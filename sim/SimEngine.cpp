@@ -4,6 +4,8 @@
 #include <fstream>
 
 #include "SimFrame.h"
+#include "protocol/Codec.h"
+#include "protocol/ServiceTable.h"
 
 namespace tamrik::sim {
 
@@ -47,19 +49,11 @@ std::vector<uint8_t> Gather(const std::vector<Module>& modules, Member member) {
   return out;
 }
 
-// Services whose request carries no data.
-bool TakesNoData(uint16_t code) {
-  switch (code) {
-    case 1: case 3: case 4: case 6: case 8: case 13: case 14: case 15: case 18: case 19:
-    case 21: case 22: case 23: case 24: case 25:
-    case 256: case 257: case 258: case 259: case 260: case 261: case 263: case 265:
-    case 266: case 267: case 268: case 271: case 274: case 276: case 290:
-    case 305: case 306: case 2306: case 2308:
-      return true;
-    default:
-      return false;
-  }
-}
+// The service table says which requests carry no data; data sent with one of them make a
+// malformed request, which a gateway refuses rather than ignores.
+bool TakesNoData(uint16_t code) { return protocol::RequestRuleFor(code) == protocol::RequestRule::Empty; }
+
+const Refusal kBadLength{protocol::kRefusalBit, kRefusalBadLength};
 
 }  // namespace
 
@@ -71,10 +65,7 @@ Answer RefusalAnswer(uint16_t requestCode, const Refusal& refusal) {
 }
 
 uint32_t PrivilegedResponse(uint32_t challenge, const std::array<uint8_t, 32>& table) {
-  uint32_t r = 0;
-  for (uint32_t i = 0; i < 32; ++i)
-    if (challenge >> (table[i] % 32) & 1u) r |= 1u << i;
-  return r ^ (r >> 1);
+  return protocol::PrivilegedResponse(challenge, table.data());
 }
 
 ServiceEngine::ServiceEngine(Station station) { SetStation(std::move(station)); }
@@ -137,7 +128,8 @@ void ServiceEngine::HardwareReset() {
 }
 
 void ServiceEngine::Record(uint16_t code, std::span<const uint8_t> data) {
-  if (!state_.monitoring || (code >= 23 && code <= 27)) return;
+  // The monitor's own requests are not what a host wants to see recorded.
+  if (!state_.monitoring || (code >= kServiceMonitorReset && code <= kServiceNextDataFrame)) return;
   if (state_.monitorFrames.size() >= kMaxMonitorFrames) return;
   std::vector<uint8_t> frame = BuildFrame(code, data);
   if (frame.size() > kMaxMonitorFrameBytes) frame.resize(kMaxMonitorFrameBytes);
@@ -145,7 +137,7 @@ void ServiceEngine::Record(uint16_t code, std::span<const uint8_t> data) {
 }
 
 Answer ServiceEngine::Ok(uint16_t code, std::vector<uint8_t> data) const {
-  return Answer{uint16_t(code + 0x4000), std::move(data)};
+  return Answer{uint16_t(code + protocol::kAnswerBit), std::move(data)};
 }
 
 std::optional<Answer> ServiceEngine::Respond(uint16_t code, std::span<const uint8_t> data) {
@@ -162,157 +154,177 @@ std::vector<uint8_t> ServiceEngine::Serve(std::span<const uint8_t> requestFrame)
 }
 
 std::optional<Answer> ServiceEngine::Dispatch(uint16_t code, std::span<const uint8_t> data) {
-  const Refusal badLength{0x8000, kRefusalBadLength};
-  if (TakesNoData(code) && !data.empty()) return RefusalAnswer(code, badLength);
+  if (TakesNoData(code) && !data.empty()) return RefusalAnswer(code, kBadLength);
+  if (auto answer = ModuleData(code, data)) return answer;
+  if (auto answer = GatewayFacts(code)) return answer;
+  if (auto answer = Control(code, data)) return answer;
+  if (auto answer = Monitor(code)) return answer;
+  if (auto answer = Procedures(code, data)) return answer;
+  if (!station_.unknownService) return std::nullopt;
+  return RefusalAnswer(code, *station_.unknownService);
+}
 
-  Station& s = station_;
+// The modules' images and what the gateway lists per module.
+std::optional<Answer> ServiceEngine::ModuleData(uint16_t code, std::span<const uint8_t> data) {
+  std::vector<Module>& modules = station_.modules;
   std::vector<uint8_t> out;
   switch (code) {
-    case 1:  // module list: status byte, then the 24-bit identifier
-      for (const Module& m : s.modules) PutLe32(out, uint32_t(m.status) | (m.id & 0xFFFFFF) << 8);
+    case kServiceModuleList:  // status byte, then the 24-bit identifier
+      for (const Module& m : modules) PutLe32(out, uint32_t(m.status) | (m.id & 0xFFFFFF) << 8);
       return Ok(code, out);
-    case 3:
-      if (s.animateInputs) StepInputs();
+    case kServiceProcessIn:
+      if (station_.animateInputs) StepInputs();
       return Ok(code, InputImage());
-    case 4:
+    case kServiceProcessOutRead:
       return Ok(code, OutputImage());
-    case 5:
-      Scatter(s.modules, &Module::outputs, data);
+    case kServiceProcessOutWrite:
+      Scatter(modules, &Module::outputs, data);
       return Ok(code, {data.begin(), data.end()});
-    case 6:
+    case kServiceParameterRead:
       return Ok(code, ParameterImage());
-    case 7:
-      Scatter(s.modules, &Module::parameters, data);
+    case kServiceParameterWrite:
+      Scatter(modules, &Module::parameters, data);
       return Ok(code, {data.begin(), data.end()});
-    case 8:
+    case kServiceDiagnosis:
       return Ok(code, DiagnosisImage());
-    case 13:
-      state_.fbiRunning = false;
-      ++state_.fbiResets;
-      return Ok(code);
-    case 14:
-      state_.fbiRunning = true;
-      ++state_.fbiStarts;
-      return Ok(code);
-    case 15:
-      for (const Module& m : s.modules) out.push_back(m.streamSize);
+    case kServiceStreamSizeList:
+      for (const Module& m : modules) out.push_back(m.streamSize);
       return Ok(code, out);
-    case 16:
-      if (data.empty()) return RefusalAnswer(code, badLength);
+    case kServiceStreamSegment:
+      if (data.empty()) return RefusalAnswer(code, kBadLength);
       state_.streamHeaders.push_back(data[0]);
       state_.streamData.insert(state_.streamData.end(), data.begin() + 1, data.end());
       return Ok(code);
-    case 17:
-      if (data.size() != 2) return RefusalAnswer(code, badLength);
+    case kServiceStreamPosition:
+      if (data.size() != 2) return RefusalAnswer(code, kBadLength);
       state_.streamPosition.assign(data.begin(), data.end());
       return Ok(code, state_.streamPosition);
-    case 18:
-      for (const Module& m : s.modules) out.push_back(m.swRevision);
+    case kServiceModuleSWRev:
+      for (const Module& m : modules) out.push_back(m.swRevision);
       return Ok(code, out);
-    case 19:
-      for (const Module& m : s.modules) out.push_back(m.typeCode);
+    case kServiceModuleTyp:
+      for (const Module& m : modules) out.push_back(m.typeCode);
       return Ok(code, out);
-    case 21:
-      s.trBuffer.clear();
-      return Ok(code);
-    case 22:
-      return Ok(code, s.trBuffer);
-    case 23:
-      state_.monitorFrames.clear();
-      state_.monitorCursor = 0;
-      return Ok(code);
-    case 24:
-      state_.monitoring = true;
-      return Ok(code);
-    case 25:
-      state_.monitoring = false;
-      return Ok(code);
-    case 26:
-    case 27:
-      // The host's request values say nothing the simulated monitor needs.
-      if (code == 26) state_.monitorCursor = 0;
-      if (state_.monitorCursor < state_.monitorFrames.size())
-        out = state_.monitorFrames[state_.monitorCursor++];
-      return Ok(code, out);
-    case 256:
-      return Ok(code, TextBytes(s.identity));
-    case 257:
-      PutLe16(out, s.version);
-      return Ok(code, out);
-    case 258:
-      return Ok(code, TextBytes(s.bootId));
-    case 259:
-      PutLe16(out, s.bootVersion);
-      return Ok(code, out);
-    case 260:
+    default:
+      return std::nullopt;
+  }
+}
+
+// What the gateway tells about itself and the host cannot change.
+std::optional<Answer> ServiceEngine::GatewayFacts(uint16_t code) {
+  const Station& s = station_;
+  std::vector<uint8_t> out;
+  switch (code) {
+    case kServiceGatewayIdString: out = TextBytes(s.identity); break;
+    case kServiceBootFunctionIdString: out = TextBytes(s.bootId); break;
+    case kServiceVersionString: out = TextBytes(s.versionString); break;
+    case kServicePrivilegedName: out = TextBytes(s.privilegedName); break;
+    case kServiceDNetToolIdent: out = TextBytes(s.toolIdent); break;
+    case kServiceStationAddress: out.push_back(s.stationAddress); break;
+    case kServiceGatewayVersion: PutLe16(out, s.version); break;
+    case kServiceBootVersion: PutLe16(out, s.bootVersion); break;
+    case kServiceSwitches: PutLe16(out, s.switches); break;
+    case kServiceGatewayId: PutLe32(out, s.gatewayId); break;
+    case kServicePrivilegedChannel: PutLe32(out, s.privilegedChannel); break;
+    case kServiceDNetSerialNumber: PutLe32(out, s.dnetSerial); break;
+    case kServiceBootFctsHwInfo:
+      for (uint16_t w : s.bootHwInfo) PutLe16(out, w);
+      break;
+    case kServiceErrorList:  // per entry: its length, the code, the duration, extra bytes
       for (const ErrorEntry& e : s.errors) {
         out.push_back(uint8_t(6 + e.extra.size()));
         out.push_back(e.code);
         PutLe32(out, e.durationMs);
         out.insert(out.end(), e.extra.begin(), e.extra.end());
       }
-      return Ok(code, out);
-    case 261:
+      break;
+    default:
+      return std::nullopt;
+  }
+  return Ok(code, out);
+}
+
+// Requests that set or reset something in the gateway, and the reads of what they set.
+std::optional<Answer> ServiceEngine::Control(uint16_t code, std::span<const uint8_t> data) {
+  Station& s = station_;
+  std::vector<uint8_t> out;
+  switch (code) {
+    case kServiceFbiReset:
+      state_.fbiRunning = false;
+      ++state_.fbiResets;
+      return Ok(code);
+    case kServiceFbiStart:
+      state_.fbiRunning = true;
+      ++state_.fbiStarts;
+      return Ok(code);
+    case kServiceClearTRBuffer:
+      s.trBuffer.clear();
+      return Ok(code);
+    case kServiceGetTRBuffer:
+      return Ok(code, s.trBuffer);
+    case kServiceGetOperationMode:
       return Ok(code, {s.operationMode});
-    case 262:
-      if (data.size() != 1) return RefusalAnswer(code, badLength);
+    case kServiceSetOperationMode:
+      if (data.size() != 1) return RefusalAnswer(code, kBadLength);
       s.operationMode = data[0];
       return Ok(code, {s.operationMode});
-    case 263:
+    case kServiceFirmwareDownload:
       ++state_.firmwareDownloadStarts;
       return Ok(code);
-    case 265:
-      return Ok(code, TextBytes(s.versionString));
-    case 266:
+    case kServiceHardwareReset:
       HardwareReset();
       return Ok(code);
-    case 267:
-      PutLe32(out, s.gatewayId);
+    case kServiceGatewayTime:  // the clock value is also the challenge of the privileged check
+      state_.challenge = ClockMs();
+      PutLe32(out, *state_.challenge);
       return Ok(code, out);
-    case 268:
-      return Ok(code, {s.stationAddress});
-    case 271: {
-      const uint32_t now = ClockMs();
-      state_.challenge = now;
-      PutLe32(out, now);
-      return Ok(code, out);
-    }
-    case 272:
-      if (data.size() != 1) return RefusalAnswer(code, badLength);
+    case kServiceSetServiceBaudrate:
+      if (data.size() != 1) return RefusalAnswer(code, kBadLength);
       s.serviceBaudIndex = data[0];
       return Ok(code);
-    case 274:
-      PutLe16(out, s.switches);
-      return Ok(code, out);
-    case 275:
-      if (data.size() != 2) return RefusalAnswer(code, badLength);
+    case kServiceLeds:
+      if (data.size() != 2) return RefusalAnswer(code, kBadLength);
       s.leds = uint16_t(data[0] | data[1] << 8);
       return Ok(code);
-    case 276:
-      for (uint16_t w : s.bootHwInfo) PutLe16(out, w);
-      return Ok(code, out);
-    case 288:
-    case 289:
-    case 290:
-      return ImageService(code, data);
-    case 304:
-      return Privileged(code, data);
-    case 305:
-      PutLe32(out, s.privilegedChannel);
-      return Ok(code, out);
-    case 306:
-      return Ok(code, TextBytes(s.privilegedName));
-    case 2306:
-      PutLe32(out, s.dnetSerial);
-      return Ok(code, out);
-    case 2308:
-      return Ok(code, TextBytes(s.toolIdent));
-    case 2322:
-    case 2323:
-      return Attribute(code, data);
     default:
-      if (!s.unknownService) return std::nullopt;
-      return RefusalAnswer(code, *s.unknownService);
+      return std::nullopt;
+  }
+}
+
+std::optional<Answer> ServiceEngine::Monitor(uint16_t code) {
+  std::vector<uint8_t> out;
+  switch (code) {
+    case kServiceMonitorReset:
+      state_.monitorFrames.clear();
+      state_.monitorCursor = 0;
+      return Ok(code);
+    case kServiceMonitorStart:
+      state_.monitoring = true;
+      return Ok(code);
+    case kServiceMonitorStop:
+      state_.monitoring = false;
+      return Ok(code);
+    case kServiceFirstDataFrame:
+    case kServiceNextDataFrame:
+      // The host's request values say nothing the simulated monitor needs.
+      if (code == kServiceFirstDataFrame) state_.monitorCursor = 0;
+      if (state_.monitorCursor < state_.monitorFrames.size()) out = state_.monitorFrames[state_.monitorCursor++];
+      return Ok(code, out);
+    default:
+      return std::nullopt;
+  }
+}
+
+// The services that take more than one request, or check what an earlier one handed out.
+std::optional<Answer> ServiceEngine::Procedures(uint16_t code, std::span<const uint8_t> data) {
+  switch (code) {
+    case kServiceImageAnnounce: return ImageAnnounce(code, data);
+    case kServiceImageBlock: return ImageBlock(code, data);
+    case kServiceImageEnd: return ImageEnd(code);
+    case kServicePrivilegedRequest: return Privileged(code, data);
+    case kServiceDNetGetAttribute:
+    case kServiceDNetSetAttribute: return Attribute(code, data);
+    default: return std::nullopt;
   }
 }
 
@@ -331,39 +343,42 @@ Answer ServiceEngine::Privileged(uint16_t code, std::span<const uint8_t> data) {
   return RefusalAnswer(code, Refusal{station_.privilegedRefusalBase, std::nullopt});
 }
 
-Answer ServiceEngine::ImageService(uint16_t code, std::span<const uint8_t> data) {
+Answer ServiceEngine::ImageAnnounce(uint16_t code, std::span<const uint8_t> data) {
   auto& progress = state_.imageInProgress;
-  if (code == 288) {
-    if (data.size() != 4 && data.size() != 8) return RefusalAnswer(code, {0x8000, kRefusalBadLength});
-    const uint32_t length = GetLe32(data);
-    if (length == 0) {  // an announcement of nothing abandons the download
-      if (progress) ++state_.imageCancels;
-      progress.reset();
-      return Ok(code);
-    }
-    progress = ImageDownload{};
-    progress->announcedLength = length;
-    // The announced size at once: a buffer that grows block by block copies itself and
-    // touches fresh pages all the way, which costs more than answering the blocks does.
-    // An announcement beyond any real image gets no more than a plausible size up front.
-    progress->data.reserve(std::min<size_t>(length, kImageReserveLimit));
-    if (data.size() == 8) progress->startAddress = GetLe32(data.subspan(4));
+  if (data.size() != 4 && data.size() != 8) return RefusalAnswer(code, kBadLength);
+  const uint32_t length = GetLe32(data);
+  if (length == 0) {  // an announcement of nothing abandons the download
+    if (progress) ++state_.imageCancels;
+    progress.reset();
     return Ok(code);
   }
-  if (code == 289) {
-    // Blocks without an announcement (a host sending an empty image announces length 0,
-    // which is a cancel) are taken and dropped.
-    if (progress) {
-      progress->data.insert(progress->data.end(), data.begin(), data.end());
-      ++progress->blocks;
-    }
-    return Ok(code);
+  progress = ImageDownload{};
+  progress->announcedLength = length;
+  // The announced size at once: a buffer that grows block by block copies itself and
+  // touches fresh pages all the way, which costs more than answering the blocks does.
+  // An announcement beyond any real image gets no more than a plausible size up front.
+  progress->data.reserve(std::min<size_t>(length, kImageReserveLimit));
+  if (data.size() == 8) progress->startAddress = GetLe32(data.subspan(4));
+  return Ok(code);
+}
+
+Answer ServiceEngine::ImageBlock(uint16_t code, std::span<const uint8_t> data) {
+  // Blocks without an announcement (a host sending an empty image announces length 0,
+  // which is a cancel) are taken and dropped.
+  if (auto& progress = state_.imageInProgress) {
+    progress->data.insert(progress->data.end(), data.begin(), data.end());
+    ++progress->blocks;
   }
-  // 290: the image is complete only when exactly the announced bytes came.
+  return Ok(code);
+}
+
+// The image is complete only when exactly the announced bytes came.
+Answer ServiceEngine::ImageEnd(uint16_t code) {
+  auto& progress = state_.imageInProgress;
   if (!progress) return Ok(code);
   ImageDownload done = std::move(*progress);
   progress.reset();
-  if (done.data.size() != done.announcedLength) return RefusalAnswer(code, {0x8000, std::nullopt});
+  if (done.data.size() != done.announcedLength) return RefusalAnswer(code, {protocol::kRefusalBit, std::nullopt});
   state_.imageFileWritten = false;
   if (!station_.imageFile.empty()) {
     std::ofstream f(station_.imageFile, std::ios::binary | std::ios::trunc);
@@ -376,14 +391,14 @@ Answer ServiceEngine::ImageService(uint16_t code, std::span<const uint8_t> data)
 
 Answer ServiceEngine::Attribute(uint16_t code, std::span<const uint8_t> data) {
   const size_t k = station_.attributeKeyLength;
-  if (data.size() < k) return RefusalAnswer(code, {0x8000, kRefusalNotEnoughData});
+  if (data.size() < k) return RefusalAnswer(code, {protocol::kRefusalBit, kRefusalNotEnoughData});
   std::vector<uint8_t> key(data.begin(), data.begin() + std::ptrdiff_t(k));
-  if (code == 2323) {
+  if (code == kServiceDNetSetAttribute) {
     station_.attributes[std::move(key)].assign(data.begin() + std::ptrdiff_t(k), data.end());
     return Ok(code);
   }
   const auto it = station_.attributes.find(key);
-  if (it == station_.attributes.end()) return RefusalAnswer(code, {0x8000, kRefusalNoSuchAttribute});
+  if (it == station_.attributes.end()) return RefusalAnswer(code, {protocol::kRefusalBit, kRefusalNoSuchAttribute});
   return Ok(code, it->second);
 }
 

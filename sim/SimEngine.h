@@ -29,8 +29,8 @@ inline constexpr uint8_t kRefusalNoSuchAttribute = 0x14;
 // The answer a gateway gives for a refused request: code + base, no data or one byte.
 Answer RefusalAnswer(uint16_t requestCode, const Refusal& refusal);
 
-// The response a host must give to a challenge: bit i of the gathered value is bit
-// table[i] (taken modulo 32) of the challenge; then the Gray step r ^ (r >> 1).
+// The response a host must give to a challenge with the station's bit table: the protocol's
+// own rule, which the driver uses too.
 uint32_t PrivilegedResponse(uint32_t challenge, const std::array<uint8_t, 32>& table);
 
 struct ImageDownload {
@@ -87,7 +87,7 @@ class ServiceEngine {
   const Station& station() const { return station_; }
   const EngineState& state() const { return state_; }
 
-  // The clock that service 271 reports, in ms.
+  // The clock that the gateway time service reports, in ms.
   uint32_t ClockMs() const;
 
   // Byte images as the host sees them: every module's part in module order.
@@ -98,12 +98,22 @@ class ServiceEngine {
 
  private:
   std::optional<Answer> Dispatch(uint16_t code, std::span<const uint8_t> data);
+  // The services by what they touch. Each answers the codes of its own kind and returns
+  // nothing for any other code.
+  std::optional<Answer> ModuleData(uint16_t code, std::span<const uint8_t> data);
+  std::optional<Answer> GatewayFacts(uint16_t code);
+  std::optional<Answer> Control(uint16_t code, std::span<const uint8_t> data);
+  std::optional<Answer> Monitor(uint16_t code);
+  std::optional<Answer> Procedures(uint16_t code, std::span<const uint8_t> data);
+
   Answer Ok(uint16_t code, std::vector<uint8_t> data = {}) const;
   void StepInputs();
   void HardwareReset();
   void Record(uint16_t code, std::span<const uint8_t> data);
   Answer Privileged(uint16_t code, std::span<const uint8_t> data);
-  Answer ImageService(uint16_t code, std::span<const uint8_t> data);
+  Answer ImageAnnounce(uint16_t code, std::span<const uint8_t> data);
+  Answer ImageBlock(uint16_t code, std::span<const uint8_t> data);
+  Answer ImageEnd(uint16_t code);
   Answer Attribute(uint16_t code, std::span<const uint8_t> data);
 
   Station station_;

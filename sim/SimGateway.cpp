@@ -2,6 +2,9 @@
 
 #include <cstdio>
 
+#include "protocol/Codec.h"
+#include "protocol/ServiceTable.h"
+
 namespace tamrik::sim {
 
 namespace {
@@ -35,8 +38,7 @@ Gateway::Gateway(Station station) : engine_(std::move(station)), start_(std::chr
 
 Gateway::~Gateway() = default;
 
-AnswerFault Gateway::EffectiveFault(AnswerFault f) const {
-  const AnswerFault& e = faults_.every;
+AnswerFault Overlay(AnswerFault f, const AnswerFault& e) {
   if (f.noiseBytes == 0) f.noiseBytes = e.noiseBytes;
   f.corruptCheckValue = f.corruptCheckValue || e.corruptCheckValue;
   if (!f.refusal) f.refusal = e.refusal;
@@ -48,6 +50,8 @@ AnswerFault Gateway::EffectiveFault(AnswerFault f) const {
   if (f.paceBaud == 0) f.paceBaud = e.paceBaud;
   return f;
 }
+
+AnswerFault Gateway::EffectiveFault(const AnswerFault& oneShot) const { return Overlay(oneShot, faults_.every); }
 
 std::vector<uint8_t> Gateway::Noise(uint32_t count) {
   // Varied, repeatable bytes; a start byte among them would make the noise a false frame.
@@ -65,91 +69,106 @@ Delivery Gateway::Serve(const ParsedFrame& request, LinkKind link) {
   Delivery d;
   {
     std::lock_guard lock(mutex_);
-    AnswerFault oneShot;
-    if (!oneShots_.empty()) {
-      oneShot = oneShots_.front();
-      oneShots_.pop_front();
-    }
-    const AnswerFault f = EffectiveFault(oneShot);
-
-    std::vector<uint8_t> bytes;
-    if (!rawAnswers_.empty()) {
-      bytes = std::move(rawAnswers_.front());
-      rawAnswers_.pop_front();
-    } else {
-      std::optional<Answer> answer;
-      const auto refusal = faults_.refusals.find(request.code);
-      const auto scripted = overrides_.find(request.code);
-      if (f.refusal)
-        answer = RefusalAnswer(request.code, *f.refusal);
-      else if (refusal != faults_.refusals.end())
-        answer = RefusalAnswer(request.code, refusal->second);
-      else if (scripted != overrides_.end())
-        answer = Answer{uint16_t(request.code + 0x4000), scripted->second};
-      else
-        answer = engine_.Respond(request.code, request.data);
-
-      if (answer) {
-        bytes = BuildFrame(answer->code, answer->data);
-        ++answerFrames_;
-        const bool nth = faults_.corruptEvery != 0 && answerFrames_ % faults_.corruptEvery == 0;
-        if (f.corruptCheckValue || nth) bytes[bytes.size() - 2] ^= 0xFF;
-        if (f.truncateTo && *f.truncateTo < bytes.size()) bytes.resize(*f.truncateTo);
-        if (f.noiseBytes) {
-          std::vector<uint8_t> noisy = Noise(f.noiseBytes);
-          noisy.insert(noisy.end(), bytes.begin(), bytes.end());
-          bytes = std::move(noisy);
-        }
-      }
-    }
-
-    if (f.dropConnection)
-      d.action = Delivery::Action::Drop;
-    else if (f.silence || bytes.empty())
-      d.action = Delivery::Action::Silence;
-    else
-      d.action = Delivery::Action::Send;
-    if (d.action == Delivery::Action::Send) {
-      d.bytes = bytes;
-      ++counters_.answers;
-    } else {
-      ++counters_.silenced;
-    }
-    d.delayMs = f.lateMs ? f.lateMs : f.delayMs;
-    d.late = f.lateMs != 0;
-    d.paceBaud = f.paceBaud;
-
-    RequestRecord r;
-    r.link = link;
-    r.code = request.code;
-    r.data = request.data;
-    r.frame = request.raw;
-    r.answer = d.bytes;
-    r.time = std::chrono::steady_clock::now();
+    const AnswerFault byRule = faultRule_ ? faultRule_(request) : AnswerFault{};
+    const AnswerFault f = EffectiveFault(Overlay(TakeOneShot(), byRule));
+    d = Schedule(AnswerBytes(request, f), f);
+    RequestRecord r{.link = link, .code = request.code, .data = request.data, .frame = request.raw,
+                    .answer = d.bytes, .time = std::chrono::steady_clock::now()};
     ++counters_.requests;
-
-    if (sink_) {
-      char head[96];
-      std::snprintf(head, sizeof head, "%10.3f %-6s 0x%04X [%zu]",
-                    std::chrono::duration<double>(r.time - start_).count(), LinkName(link), r.code,
-                    r.data.size());
-      line = head;
-      if (!r.data.empty()) line += " " + Hex(r.data);
-      switch (d.action) {
-        case Delivery::Action::Send: line += " -> " + Hex(d.bytes, 12); break;
-        case Delivery::Action::Silence: line += " -> (no answer)"; break;
-        case Delivery::Action::Drop: line += " -> (connection dropped)"; break;
-      }
-      if (d.late) line += " (late " + std::to_string(d.delayMs) + " ms)";
-      else if (d.delayMs) line += " (after " + std::to_string(d.delayMs) + " ms)";
-    }
-
+    if (sink_) line = LogLine(r, d);
     log_.push_back(std::move(r));
     if (log_.size() > kLogLimit) log_.pop_front();
   }
   logChanged_.notify_all();
   if (!line.empty()) Emit(line);
   return d;
+}
+
+AnswerFault Gateway::TakeOneShot() {
+  AnswerFault oneShot;
+  if (!oneShots_.empty()) {
+    oneShot = oneShots_.front();
+    oneShots_.pop_front();
+  }
+  return oneShot;
+}
+
+// A refused or scripted request does not reach the model.
+std::optional<Answer> Gateway::ChooseAnswer(const ParsedFrame& request, const AnswerFault& f) {
+  if (f.refusal) return RefusalAnswer(request.code, *f.refusal);
+  if (const auto refusal = faults_.refusals.find(request.code); refusal != faults_.refusals.end())
+    return RefusalAnswer(request.code, refusal->second);
+  if (const auto scripted = overrides_.find(request.code); scripted != overrides_.end())
+    return Answer{uint16_t(request.code + protocol::kAnswerBit), scripted->second};
+  return engine_.Respond(request.code, request.data);
+}
+
+// The bytes that answer the request; empty when the gateway gives none. Raw answers go out
+// as they were queued: the byte faults are for answers the gateway built itself.
+std::vector<uint8_t> Gateway::AnswerBytes(const ParsedFrame& request, const AnswerFault& f) {
+  if (!rawAnswers_.empty()) {
+    std::vector<uint8_t> bytes = std::move(rawAnswers_.front());
+    rawAnswers_.pop_front();
+    return bytes;
+  }
+  const std::optional<Answer> answer = ChooseAnswer(request, f);
+  if (!answer) return {};
+  std::vector<uint8_t> bytes = BuildFrame(answer->code, answer->data);
+  SpoilBytes(bytes, f);
+  return bytes;
+}
+
+void Gateway::SpoilBytes(std::vector<uint8_t>& bytes, const AnswerFault& f) {
+  ++answerFrames_;
+  const bool nth = faults_.corruptEvery != 0 && answerFrames_ % faults_.corruptEvery == 0;
+  if (f.corruptCheckValue || nth) bytes[bytes.size() - 2] ^= 0xFF;
+  if (f.truncateTo && *f.truncateTo < bytes.size()) bytes.resize(*f.truncateTo);
+  if (f.noiseBytes) {
+    std::vector<uint8_t> noisy = Noise(f.noiseBytes);
+    noisy.insert(noisy.end(), bytes.begin(), bytes.end());
+    bytes = std::move(noisy);
+  }
+}
+
+// What the link does with the bytes: the timing faults apply to every answer.
+Delivery Gateway::Schedule(std::vector<uint8_t> bytes, const AnswerFault& f) {
+  Delivery d;
+  if (f.dropConnection)
+    d.action = Delivery::Action::Drop;
+  else if (f.silence || bytes.empty())
+    d.action = Delivery::Action::Silence;
+  else
+    d.action = Delivery::Action::Send;
+  if (d.action == Delivery::Action::Send) {
+    d.bytes = std::move(bytes);
+    ++counters_.answers;
+  } else {
+    ++counters_.silenced;
+  }
+  d.delayMs = f.lateMs ? f.lateMs : f.delayMs;
+  d.late = f.lateMs != 0;
+  d.paceBaud = f.paceBaud;
+  return d;
+}
+
+std::string Gateway::LogLine(const RequestRecord& r, const Delivery& d) const {
+  // Only a request code has a name: the table's names of 0x4101 or 0x8101 are those of the
+  // answers to 0x0101, which would mislead here.
+  const char* name = (r.code & ~0x3FFFu) == 0 ? protocol::ServiceName(r.code) : nullptr;
+  char head[128];
+  std::snprintf(head, sizeof head, "%10.3f %-6s 0x%04X%s%s [%zu]",
+                std::chrono::duration<double>(r.time - start_).count(), LinkName(r.link), r.code,
+                name ? " " : "", name ? name : "", r.data.size());
+  std::string line = head;
+  if (!r.data.empty()) line += " " + Hex(r.data);
+  switch (d.action) {
+    case Delivery::Action::Send: line += " -> " + Hex(d.bytes, 12); break;
+    case Delivery::Action::Silence: line += " -> (no answer)"; break;
+    case Delivery::Action::Drop: line += " -> (connection dropped)"; break;
+  }
+  if (d.late) line += " (late " + std::to_string(d.delayMs) + " ms)";
+  else if (d.delayMs) line += " (after " + std::to_string(d.delayMs) + " ms)";
+  return line;
 }
 
 Delivery Gateway::ServeFrame(std::span<const uint8_t> frame, LinkKind link) {
@@ -215,22 +234,12 @@ std::vector<uint8_t> Gateway::OutputImage() const {
   return engine_.OutputImage();
 }
 
-std::vector<uint8_t> Gateway::ParameterImage() const {
+void Gateway::InspectEngine(const std::function<void(const ServiceEngine&)>& look) const {
   std::lock_guard lock(mutex_);
-  return engine_.ParameterImage();
-}
-
-uint32_t Gateway::ClockMs() const {
-  std::lock_guard lock(mutex_);
-  return engine_.ClockMs();
+  look(engine_);
 }
 
 // --- faults -------------------------------------------------------------------------------
-
-FaultSettings Gateway::GetFaults() const {
-  std::lock_guard lock(mutex_);
-  return faults_;
-}
 
 void Gateway::SetFaults(FaultSettings faults) {
   std::lock_guard lock(mutex_);
@@ -275,6 +284,11 @@ void Gateway::FaultNextAnswer(const AnswerFault& fault) {
 size_t Gateway::PendingOneShotFaults() const {
   std::lock_guard lock(mutex_);
   return oneShots_.size();
+}
+
+void Gateway::SetFaultRule(std::function<AnswerFault(const ParsedFrame& request)> rule) {
+  std::lock_guard lock(mutex_);
+  faultRule_ = std::move(rule);
 }
 
 // --- scripted answers ---------------------------------------------------------------------
@@ -332,6 +346,53 @@ Counters Gateway::GetCounters() const {
 void Gateway::SetLogSink(std::function<void(const std::string&)> sink) {
   std::lock_guard lock(mutex_);
   sink_ = std::move(sink);
+}
+
+// --- refusals as text ------------------------------------------------------------------
+
+namespace {
+
+// The parts between colons, the empty ones too: "5:" is a mistake, not "5".
+std::vector<std::string> SplitAtColons(const std::string& text) {
+  std::vector<std::string> parts(1);
+  for (char c : text) {
+    if (c == ':')
+      parts.emplace_back();
+    else
+      parts.back() += c;
+  }
+  return parts;
+}
+
+}  // namespace
+
+bool ParseRefusal(const std::string& text, uint16_t* code, Refusal* refusal, std::string* error) {
+  const std::vector<std::string> parts = SplitAtColons(text);
+  const std::optional<uint64_t> service = ParseNumber(parts[0]);
+  if (parts.size() > 3 || !service || *service > 0x3FFF) {
+    *error = "'" + text + "': CODE[:BASE[:BYTE]] with a service code up to 0x3FFF";
+    return false;
+  }
+  Refusal parsed;
+  if (parts.size() >= 2) {
+    const std::optional<uint64_t> base = ParseNumber(parts[1]);
+    if (!base || (*base != 0x8000 && *base != 0xC000)) {
+      *error = "'" + text + "': BASE must be 0x8000 or 0xC000";
+      return false;
+    }
+    parsed.base = uint16_t(*base);
+  }
+  if (parts.size() == 3) {
+    const std::optional<uint64_t> byte = ParseNumber(parts[2]);
+    if (!byte || *byte > 0xFF) {
+      *error = "'" + text + "': BYTE must be 0 to 0xFF";
+      return false;
+    }
+    parsed.data = uint8_t(*byte);
+  }
+  *code = uint16_t(*service);
+  *refusal = parsed;
+  return true;
 }
 
 }  // namespace tamrik::sim

@@ -53,6 +53,9 @@ struct AnswerFault {
   AnswerFault& Pace(uint32_t baud) { paceBaud = baud; return *this; }
 };
 
+// The fault of top where it sets something, else that of under.
+AnswerFault Overlay(AnswerFault top, const AnswerFault& under);
+
 struct FaultSettings {
   AnswerFault every;                     // applied to every answer
   uint32_t corruptEvery = 0;             // n: the n-th, 2n-th, ... answer has a wrong check value
@@ -108,11 +111,10 @@ class Gateway {
   EngineState GetEngineState() const;
   std::optional<ImageDownload> CompletedImage() const;
   std::vector<uint8_t> OutputImage() const;
-  std::vector<uint8_t> ParameterImage() const;
-  uint32_t ClockMs() const;
+  // Looks at the engine under the lock: the images and the clock as a host would read them.
+  void InspectEngine(const std::function<void(const ServiceEngine&)>& look) const;
 
   // --- faults -------------------------------------------------------------------------------
-  FaultSettings GetFaults() const;
   void SetFaults(FaultSettings faults);
   void EditFaults(const std::function<void(FaultSettings&)>& edit);
   // Clears the fault settings and the one-shot faults not yet used.
@@ -133,6 +135,10 @@ class Gateway {
   // over those for every answer where it sets something.
   void FaultNextAnswer(const AnswerFault& fault);
   size_t PendingOneShotFaults() const;
+  // A fault chosen by what the request is, weaker than a one-shot fault and stronger than
+  // the faults for every answer. Called under the lock for every request served: it must not
+  // call the gateway. Null removes it.
+  void SetFaultRule(std::function<AnswerFault(const ParsedFrame& request)> rule);
 
   // --- scripted answers -----------------------------------------------------------------
   // The next request is answered with exactly these bytes; the model is not asked. Only the
@@ -153,12 +159,21 @@ class Gateway {
   // Waits until the log holds at least n requests; false when timeoutMs passed first.
   bool WaitForRequests(size_t n, uint32_t timeoutMs) const;
   Counters GetCounters() const;
-  // Receives one line per served request and per dropped frame. Called outside the lock,
-  // on the link's thread.
+  // Receives one line per served request (time, link, service code and the table's name of
+  // it, data, what went back) and per dropped frame. Called outside the lock, on the link's
+  // thread.
   void SetLogSink(std::function<void(const std::string&)> sink);
 
  private:
-  AnswerFault EffectiveFault(AnswerFault oneShot) const;
+  // The steps of serving one request, all under the lock.
+  AnswerFault TakeOneShot();
+  AnswerFault EffectiveFault(const AnswerFault& oneShot) const;
+  std::optional<Answer> ChooseAnswer(const ParsedFrame& request, const AnswerFault& fault);
+  std::vector<uint8_t> AnswerBytes(const ParsedFrame& request, const AnswerFault& fault);
+  void SpoilBytes(std::vector<uint8_t>& bytes, const AnswerFault& fault);
+  Delivery Schedule(std::vector<uint8_t> bytes, const AnswerFault& fault);
+  std::string LogLine(const RequestRecord& record, const Delivery& delivery) const;
+
   std::vector<uint8_t> Noise(uint32_t count);
   void Emit(const std::string& line);
 
@@ -174,7 +189,15 @@ class Gateway {
   uint64_t answerFrames_ = 0;  // for corruptEvery
   uint32_t noiseSeed_ = 0;
   std::function<void(const std::string&)> sink_;
+  std::function<AnswerFault(const ParsedFrame&)> faultRule_;
   std::chrono::steady_clock::time_point start_;
 };
+
+// Reads a refusal as the programs' options write it, CODE[:BASE[:BYTE]]: service CODE (up to
+// 0x3FFF) is refused with the answer code CODE + BASE (0x8000 when not given, or 0xC000) and
+// the one data byte BYTE when it is given. Numbers are decimal or 0x hexadecimal; a value that
+// does not fit its field is a mistake, never cut to fit. On a mistake, returns false, leaves
+// code and refusal as they were and sets error to a message that quotes the text.
+bool ParseRefusal(const std::string& text, uint16_t* code, Refusal* refusal, std::string* error);
 
 }  // namespace tamrik::sim

@@ -36,7 +36,6 @@ class Outbox {
   // Removes and returns the item due first if its time has come.
   std::optional<Item> TakeDue(Clock::time_point now);
   void Clear();
-  bool Empty() const { return items_.empty(); }
 
  private:
   std::deque<Item> items_;
@@ -132,7 +131,6 @@ class PtyLink : public Link {
   PtyLink(Gateway& gateway, const std::string& linkPath, uint32_t stallMs);
   ~PtyLink() override;
   const std::string& SlavePath() const { return slavePath_; }
-  const std::string& LinkPath() const { return linkPath_; }
 
  private:
   void Run() override;

@@ -46,15 +46,16 @@
 #include <numeric>
 #include <sstream>
 
+#include "protocol/Codec.h"
+
 namespace tamrik::sim {
 
 namespace {
-constexpr uint16_t kDiagLengthTable[16] = {0, 1, 1, 1, 1, 2, 3, 4, 6, 8, 12, 16, 24, 32, 64, 0};
 constexpr size_t kMaxText = 200;   // hosts receive identity texts into 200 values
 constexpr size_t kMaxImage = 4096;  // per module image, plenty for a field-bus module
 }  // namespace
 
-uint16_t DiagLengthForId(uint32_t moduleId) { return kDiagLengthTable[(moduleId >> 12) & 15]; }
+uint16_t DiagLengthForId(uint32_t moduleId) { return uint16_t(protocol::DiagnosisLength(moduleId)); }
 
 Module MakeModule(uint32_t id, char type, size_t inputs, size_t outputs, size_t parameters) {
   Module m;
@@ -132,19 +133,11 @@ std::vector<std::string> Tokens(std::string_view s) {
 }
 
 uint64_t Number(std::string_view text, uint64_t max) {
-  std::string t = Trim(text);
-  int base = 10;
-  std::string_view digits = t;
-  if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) {
-    base = 16;
-    digits.remove_prefix(2);
-  }
-  uint64_t v = 0;
-  auto [ptr, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), v, base);
-  if (digits.empty() || ec != std::errc() || ptr != digits.data() + digits.size())
-    throw ParseError{"not a number: '" + t + "'"};
-  if (v > max) throw ParseError{"number too large: '" + t + "'"};
-  return v;
+  const std::string t = Trim(text);
+  const std::optional<uint64_t> v = ParseNumber(t);
+  if (!v) throw ParseError{"not a number: '" + t + "'"};
+  if (*v > max) throw ParseError{"number too large: '" + t + "'"};
+  return *v;
 }
 
 std::vector<uint8_t> Bytes(std::string_view text) {
@@ -367,6 +360,18 @@ class Loader {
 };
 
 }  // namespace
+
+std::optional<uint64_t> ParseNumber(std::string_view text) {
+  int base = 10;
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    base = 16;
+    text.remove_prefix(2);
+  }
+  uint64_t v = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v, base);
+  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return v;
+}
 
 std::optional<Station> ParseStation(std::string_view text, std::string* error) {
   Loader loader(DefaultStation());

@@ -13,8 +13,8 @@
 
 namespace tamrik::sim {
 
-// Diagnosis bytes of a module by bits 12 to 15 of its identifier; hosts lay out the
-// diagnosis answer by this table, so a module's default diagnosis size follows it.
+// Diagnosis bytes of a module by bits 12 to 15 of its identifier, by the protocol's table:
+// hosts lay out the diagnosis answer by it, so a module's default diagnosis size follows it.
 uint16_t DiagLengthForId(uint32_t moduleId);
 
 // Attribute keys all have one length; ordered byte by byte. (The standard order of byte
@@ -59,47 +59,49 @@ struct Refusal {
   std::optional<uint8_t> data{};
 };
 
+// Beside each field, the services that read or set it, by their names in the service table.
 struct Station {
   std::vector<Module> modules;
 
-  std::string identity;       // 256
-  uint16_t version = 0;       // 257
-  std::string bootId;         // 258
-  uint16_t bootVersion = 0;   // 259
-  std::vector<ErrorEntry> errors;  // 260
-  uint8_t operationMode = 1;  // 261, 262
-  std::string versionString;  // 265
-  uint32_t gatewayId = 0;     // 267
-  uint8_t stationAddress = 0; // 268
-  uint8_t serviceBaudIndex = 0;  // 272
-  uint16_t switches = 0;      // 274
-  uint16_t leds = 0;          // 275
-  std::vector<uint16_t> bootHwInfo;  // 276
+  std::string identity;       // GatewayIdString
+  uint16_t version = 0;       // GatewayVersion
+  std::string bootId;         // BootFunctionIdString
+  uint16_t bootVersion = 0;   // BootVersion
+  std::vector<ErrorEntry> errors;  // ErrorList
+  uint8_t operationMode = 1;  // GetOperationMode, SetOperationMode
+  std::string versionString;  // VersionString
+  uint32_t gatewayId = 0;     // GatewayId
+  uint8_t stationAddress = 0; // StationAddress
+  uint8_t serviceBaudIndex = 0;  // SetServiceBaudrate
+  uint16_t switches = 0;      // Switches
+  uint16_t leds = 0;          // Leds
+  std::vector<uint16_t> bootHwInfo;  // BootFctsHwInfo
   std::vector<uint8_t> gatewayDiagnosis;  // the gateway's own bytes ahead of the modules'
 
   // Inputs: a counter per analogue module and a walking bit per digital module, one step per
   // read of the input image. Off: each module's inputs vector is shown.
   bool animateInputs = true;
 
-  // Clock (271): milliseconds since the simulator started, or this value when set. The same
-  // service hands out the privileged challenge, so a fixed clock fixes the challenge.
+  // Clock (GatewayTime): milliseconds since the simulator started, or this value when set.
+  // The same service hands out the privileged challenge, so a fixed clock fixes the challenge.
   std::optional<uint32_t> fixedClockMs;
 
-  std::vector<uint8_t> trBuffer;  // 22; 21 clears it
+  std::vector<uint8_t> trBuffer;  // GetTRBuffer; ClearTRBuffer clears it
 
-  // Privileged access (304): the response must be gray(gather(challenge, table)).
+  // Privileged access (PrivilegedRequest): the response must be gray(gather(challenge, table)).
   std::array<uint8_t, 32> privilegedTable{};  // identity by default
   uint16_t privilegedRefusalBase = 0x8000;
-  uint32_t privilegedChannel = 0;  // 305
-  std::string privilegedName;      // 306
+  uint32_t privilegedChannel = 0;  // PrivilegedChannel
+  std::string privilegedName;      // PrivilegedName
 
-  uint32_t dnetSerial = 0;         // 2306
-  std::string toolIdent;           // 2308
-  // 2322 / 2323: attribute values keyed by the first attributeKeyLength request bytes.
+  uint32_t dnetSerial = 0;         // DNetSerialNumber
+  std::string toolIdent;           // DNetToolIdent
+  // DNetGetAttribute, DNetSetAttribute: attribute values keyed by the first
+  // attributeKeyLength request bytes.
   size_t attributeKeyLength = 3;
   std::map<std::vector<uint8_t>, std::vector<uint8_t>, AttributeKeyLess> attributes;
 
-  std::vector<std::vector<uint8_t>> monitorFrames;  // 26 / 27 hand these out first
+  std::vector<std::vector<uint8_t>> monitorFrames;  // FirstDataFrame, NextDataFrame: these first
 
   // A completed image download is also written here when not empty.
   std::string imageFile;
@@ -112,6 +114,10 @@ struct Station {
 Station DefaultStation();
 
 // --- model files ----------------------------------------------------------------------
+
+// A number as model files and the programs' options write it: decimal, or hexadecimal after
+// 0x; no sign and no blanks. Nothing for any other text or for more than 64 bits.
+std::optional<uint64_t> ParseNumber(std::string_view text);
 
 // Reads a station from text (format at the top of SimStation.cpp and in sim/README.md),
 // starting from DefaultStation(). On failure returns nullopt and, when error is given,

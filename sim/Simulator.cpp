@@ -66,11 +66,6 @@ uint16_t Simulator::TcpPort() const {
   return tcp_ ? tcp_->Port() : 0;
 }
 
-uint16_t Simulator::UdpPort() const {
-  std::lock_guard lock(linksMutex_);
-  return udp_ ? udp_->Port() : 0;
-}
-
 std::string Simulator::PtyPath() const {
   std::lock_guard lock(linksMutex_);
   return pty_ ? pty_->SlavePath() : std::string();

@@ -44,7 +44,6 @@ class Simulator : public Gateway {
   void Stop();
 
   uint16_t TcpPort() const;
-  uint16_t UdpPort() const;
   std::string PtyPath() const;
   uint32_t TcpConnectionsAccepted() const;
 

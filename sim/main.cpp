@@ -10,18 +10,20 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <filesystem>
-#include <cstring>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "Control.h"
 #include "ProgramDocs.h"
 #include "SimBootLoader.h"
+#include "SimGateway.h"
 #include "SimStation.h"
 #include "Simulator.h"
 
@@ -44,46 +46,6 @@ int UsageMistake(const std::string& text) {
   Message(text);
   Message(std::string("see '") + kProgram + " --help' for the options");
   return 2;
-}
-
-bool ParseUnsigned(const std::string& text, uint32_t* value) {
-  if (text.empty()) return false;
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long v = std::strtoull(text.c_str(), &end, 0);
-  if (*end != '\0' || errno != 0 || v > 0xFFFFFFFFull) return false;
-  *value = uint32_t(v);
-  return true;
-}
-
-// CODE[:BASE[:BYTE]]: refuse service CODE with the answer code CODE + BASE (0x8000 or 0xC000),
-// with the one data byte BYTE when it is given.
-bool ParseRefusal(const std::string& text, uint16_t* code, Refusal* refusal, std::string* error) {
-  std::vector<std::string> parts;
-  std::stringstream in(text);
-  for (std::string part; std::getline(in, part, ':');) parts.push_back(part);
-  uint32_t value = 0;
-  if (parts.empty() || parts.size() > 3 || !ParseUnsigned(parts[0], &value) || value > 0x3FFF) {
-    *error = "--refuse '" + text + "': CODE[:BASE[:BYTE]] with a service code up to 0x3FFF";
-    return false;
-  }
-  *code = uint16_t(value);
-  *refusal = Refusal{};
-  if (parts.size() >= 2) {
-    if (!ParseUnsigned(parts[1], &value) || (value != 0x8000 && value != 0xC000)) {
-      *error = "--refuse '" + text + "': BASE must be 0x8000 or 0xC000";
-      return false;
-    }
-    refusal->base = uint16_t(value);
-  }
-  if (parts.size() == 3) {
-    if (!ParseUnsigned(parts[2], &value) || value > 0xFF) {
-      *error = "--refuse '" + text + "': BYTE must be 0 to 0xFF";
-      return false;
-    }
-    refusal->data = uint8_t(value);
-  }
-  return true;
 }
 
 // One record as a line of a firmware line file: ':' and its bytes as upper-case digit pairs.
@@ -180,42 +142,233 @@ class BootOutput {
   std::vector<std::string> lines_;
 };
 
-int ServeBootLoader(const std::string& mode, bool withoutSetCtx, const std::string& link, const std::string& recordsOut,
-                    bool log, sigset_t* stopSignals) {
-  BootOutput output(recordsOut, log);
-  if (!recordsOut.empty() && !output.StartRecords()) return 1;
+// What the command line asks for.
+struct Options {
+  // Links and station.
+  std::optional<uint16_t> tcp, udp;
+  bool pty = false;
+  std::string link;
+  uint32_t stallMs = 500;
+  std::string model, imageOut;
+  bool log = false;
+  std::optional<uint16_t> control;
+  // Faults, for every answer.
+  uint32_t noise = 0, corruptEvery = 0, delayMs = 0, lateMs = 0, paceBaud = 0;
+  std::optional<uint32_t> truncate;
+  bool silence = false, drop = false;
+  std::vector<std::string> refusals;
+  // The boot loader instead of the gateway.
+  bool boot = false;  // --boot given, with or without a mode
+  std::string bootMode, recordsOut;
+  bool withoutSetCtx = false;
+  // For the build.
+  bool manPage = false;
+  std::string completionShell;
+};
+
+struct RefusalOption {
+  uint16_t code = 0;
+  Refusal refusal;
+};
+
+void AddLinkAndStationOptions(CLI::App& app, Options& o) {
+  app.add_option("--tcp", o.tcp, "Listen for TCP on 127.0.0.1:PORT (0: a free port)")->type_name("PORT")->group("Links");
+  app.add_option("--udp", o.udp, "Receive UDP on 127.0.0.1:PORT (0: a free port)")->type_name("PORT")->group("Links");
+  app.add_flag("--pty", o.pty, "Serve a pseudo-terminal (a serial line for the driver)")->group("Links");
+  app.add_option("--link", o.link, "Put a symbolic link to the pseudo-terminal at PATH")->type_name("PATH")->group("Links");
+  app.add_option("--stall", o.stallMs, "Give up an unfinished request frame after MS of quiet (0: never)")
+      ->type_name("MS")
+      ->group("Links");
+
+  app.add_option("--model", o.model, "Station model file (format in docs/simulator.md)")
+      ->type_name("FILE")
+      ->check(CLI::ExistingFile)
+      ->group("Station");
+  app.add_option("--image-out", o.imageOut, "Write a completed image download to FILE")->type_name("FILE")->group("Station");
+  app.add_flag("--log", o.log, "Print one line per request served")->group("Station");
+  app.add_option("--control", o.control,
+                 "Serve the control channel (HTTP/JSON: station, faults, request log) on 127.0.0.1:PORT (0: a free port)")
+      ->type_name("PORT")
+      ->group("Station");
+}
+
+void AddFaultOptions(CLI::App& app, Options& o) {
+  app.add_option("--noise", o.noise, "N bytes (never 0xAA) before every answer")->type_name("N")->group("Faults");
+  app.add_option("--corrupt-every", o.corruptEvery, "Every N-th answer gets a wrong check value")
+      ->type_name("N")
+      ->group("Faults");
+  app.add_option("--refuse", o.refusals, "Refuse service CODE: answer CODE+BASE (0x8000 or 0xC000), with BYTE if given")
+      ->type_name("CODE[:BASE[:BYTE]]")
+      ->group("Faults");
+  app.add_flag("--silence", o.silence, "Answer nothing")->group("Faults");
+  app.add_option("--delay", o.delayMs, "Answer MS late (answers stay in order)")->type_name("MS")->group("Faults");
+  app.add_option("--truncate", o.truncate, "Send only the first K bytes of every answer")->type_name("K")->group("Faults");
+  app.add_option("--late", o.lateMs, "Hold each answer back MS and send it on its own, after the host gave up")
+      ->type_name("MS")
+      ->group("Faults");
+  app.add_flag("--drop", o.drop, "TCP: close the connection instead of answering; UDP, pty: answer nothing")
+      ->group("Faults");
+  app.add_option("--pace", o.paceBaud, "Send answer bytes at BAUD (10 bits per byte)")->type_name("BAUD")->group("Faults");
+}
+
+// Returns --boot itself: whether it was given tells more than its value, which may be empty.
+const CLI::Option* AddBootOptions(CLI::App& app, Options& o) {
+  const CLI::Option* boot = app.add_option("--boot", o.bootMode,
+                                           "Play the boot loader on a pseudo-terminal instead: 'chain' (default) for the "
+                                           "boot-loader chain, 'lines' for the firmware line download")
+                                ->expected(0, 1)
+                                ->type_name("[chain|lines]")
+                                ->group("Boot loader");
+  app.add_flag("--no-setctx", o.withoutSetCtx, "The chain has no SetCtx stage: stage 3 follows stage 1")
+      ->group("Boot loader");
+  app.add_option("--records-out", o.recordsOut,
+                 "Keep FILE as the latest download's records, one line each, each one written before it is answered")
+      ->type_name("FILE")
+      ->group("Boot loader");
+  return boot;
+}
+
+void AddProgramOptions(CLI::App& app, Options& o) {
+  app.set_version_flag("--version", std::string(kProgram) + " " + TAMRIK_VERSION, "Print the version and exit");
+  // For the build, which installs what they print: the manual page and the bash completion,
+  // both made from the options above.
+  app.add_flag("--man", o.manPage)->group("");
+  app.add_option("--completion", o.completionShell)->group("");
+}
+
+// The mistakes that only the options together show; empty when there is none.
+std::string CombinationMistake(const Options& o) {
+  if (!o.bootMode.empty() && o.bootMode != "chain" && o.bootMode != "lines") {
+    return "--boot takes chain or lines, not '" + o.bootMode + "'";
+  }
+  if (o.boot && (o.tcp || o.udp || o.pty)) return "--boot serves a pseudo-terminal of its own; no other link goes with it";
+  if (o.boot && o.control) return "--control steers the simulated gateway; the boot loader has no control channel";
+  if ((!o.recordsOut.empty() || o.withoutSetCtx) && !o.boot) return "--records-out and --no-setctx need --boot";
+  if (!o.link.empty() && !o.pty && !o.boot) return "--link needs --pty or --boot";
+  return {};
+}
+
+// Every --refuse read; the mistake of the first that cannot be read.
+std::string ReadRefusals(const Options& o, std::vector<RefusalOption>* refusals) {
+  for (const std::string& text : o.refusals) {
+    RefusalOption r;
+    std::string error;
+    if (!tamrik::sim::ParseRefusal(text, &r.code, &r.refusal, &error)) return "--refuse " + error;
+    refusals->push_back(r);
+  }
+  return {};
+}
+
+int ServeBootLoader(const Options& o, sigset_t* stopSignals) {
+  BootOutput output(o.recordsOut, o.log);
+  if (!o.recordsOut.empty() && !output.StartRecords()) return 1;
   tamrik::sim::BootLoaderConfig config;
-  config.stages = mode != "lines";
+  config.stages = o.bootMode != "lines";
   // Without its SetCtx file the chain goes from stage 1 straight to stage 3.
-  config.stage2 = !withoutSetCtx;
+  config.stage2 = !o.withoutSetCtx;
   config.observer = [&output](const BootEvent& event) { output.Observe(event); };
   tamrik::sim::SimBootLoader loader(config);
   if (!loader.ok()) {
     Message("no pseudo-terminal for the boot loader");
     return 1;
   }
-  if (!link.empty()) {
+  if (!o.link.empty()) {
     std::error_code ec;
-    if (std::filesystem::is_symlink(link, ec)) std::filesystem::remove(link, ec);
-    std::filesystem::create_symlink(loader.slavePath(), link, ec);
+    if (std::filesystem::is_symlink(o.link, ec)) std::filesystem::remove(o.link, ec);
+    std::filesystem::create_symlink(loader.slavePath(), o.link, ec);
     if (ec) {
-      Message("cannot make the link " + link + ": " + ec.message());
+      Message("cannot make the link " + o.link + ": " + ec.message());
       return 1;
     }
   }
   std::printf("boot %s %s%s%s\n", config.stages ? "chain" : "lines", loader.slavePath().c_str(),
-              link.empty() ? "" : " link ", link.c_str());
+              o.link.empty() ? "" : " link ", o.link.c_str());
   std::fflush(stdout);
-
+  // Until SIGINT or SIGTERM, printing what the loader heard at every tick.
   const timespec tick{0, 50 * 1000 * 1000};
-  while (true) {
-    const int sig = sigtimedwait(stopSignals, nullptr, &tick);
+  for (int sig = 0; sig != SIGINT && sig != SIGTERM;) {
+    sig = sigtimedwait(stopSignals, nullptr, &tick);
     output.PrintLog();
-    if (sig == SIGINT || sig == SIGTERM) break;
   }
-  if (!link.empty()) {
+  if (!o.link.empty()) {
     std::error_code ignored;
-    std::filesystem::remove(link, ignored);
+    std::filesystem::remove(o.link, ignored);
+  }
+  return 0;
+}
+
+// The station the options describe; nothing, with the message printed, for a model file with
+// a mistake.
+std::optional<tamrik::sim::Station> LoadStation(const Options& o) {
+  tamrik::sim::Station station = tamrik::sim::DefaultStation();
+  if (!o.model.empty()) {
+    std::string error;
+    auto loaded = tamrik::sim::LoadStationFile(o.model, &error);
+    if (!loaded) {
+      Message(error);
+      return std::nullopt;
+    }
+    station = std::move(*loaded);
+  }
+  if (!o.imageOut.empty()) station.imageFile = o.imageOut;
+  return station;
+}
+
+void SetFaults(tamrik::sim::Simulator& sim, const Options& o, const std::vector<RefusalOption>& refusals) {
+  for (const RefusalOption& r : refusals) sim.RefuseService(r.code, r.refusal);
+  sim.SetNoise(o.noise);
+  sim.SetCorruptEvery(o.corruptEvery);
+  sim.SetSilence(o.silence);
+  sim.SetAnswerDelay(o.delayMs);
+  sim.SetTruncation(o.truncate);
+  sim.SetLateAnswers(o.lateMs);
+  sim.SetDropConnection(o.drop);
+  sim.SetPacing(o.paceBaud);
+}
+
+// Starts the links asked for (TCP on a free port when none is) and prints where each listens.
+void StartLinks(tamrik::sim::Simulator& sim, const Options& o) {
+  const bool none = !o.tcp && !o.udp && !o.pty;
+  if (o.tcp || none) std::printf("tcp 127.0.0.1:%u\n", unsigned(sim.StartTcp(o.tcp.value_or(0))));
+  if (o.udp) std::printf("udp 127.0.0.1:%u\n", unsigned(sim.StartUdp(*o.udp)));
+  if (o.pty) {
+    const std::string path = sim.StartPty(o.link);
+    std::printf("pty %s%s%s\n", path.c_str(), o.link.empty() ? "" : " link ", o.link.c_str());
+  }
+  std::fflush(stdout);
+}
+
+int ServeGateway(const Options& o, sigset_t* stopSignals) {
+  std::optional<tamrik::sim::Station> station = LoadStation(o);
+  if (!station) return 1;
+  std::vector<RefusalOption> refusals;
+  if (const std::string mistake = ReadRefusals(o, &refusals); !mistake.empty()) return UsageMistake(mistake);
+  try {
+    tamrik::sim::Simulator sim(std::move(*station));
+    SetFaults(sim, o, refusals);
+    sim.SetStallTimeout(o.stallMs);
+    if (o.log) {
+      sim.SetLogSink([](const std::string& line) {
+        std::printf("%s\n", line.c_str());
+        std::fflush(stdout);
+      });
+    }
+    StartLinks(sim, o);
+    // Last, so that its line follows those of the links; /reset goes back to the station the
+    // simulator began with.
+    std::unique_ptr<tamrik::sim::ControlChannel> control;
+    if (o.control) {
+      control = std::make_unique<tamrik::sim::ControlChannel>(sim, sim.GetStation());
+      std::printf("control http://127.0.0.1:%u\n", unsigned(control->Start(*o.control)));
+      std::fflush(stdout);
+    }
+    int sig = 0;
+    sigwait(stopSignals, &sig);
+    if (control) control->Stop();
+    sim.Stop();
+  } catch (const std::exception& e) {
+    Message(e.what());
+    return 1;
   }
   return 0;
 }
@@ -226,15 +379,16 @@ tamrik::progdocs::ManPage ManPage() {
   page.name = kProgram;
   page.summary = "a simulated field-bus gateway for the tamrik driver and tool";
   page.source = std::string("tamrik ") + TAMRIK_VERSION;
-  page.synopsis = {"[--tcp PORT] [--udp PORT] [--pty [--link PATH]] [--model FILE] [--log] [faults...]",
+  page.synopsis = {"[--tcp PORT] [--udp PORT] [--pty [--link PATH]] [--model FILE] [--log] [--control PORT] [faults...]",
                    "--boot [chain|lines] [--no-setctx] [--link PATH] [--records-out FILE] [--log]",
                    "--version | --help"};
   page.sections = {
       {"OUTPUT",
-       "One line per link, then one line per request served with --log:\n"
+       "One line per link, one for the control channel, then one line per request served with --log:\n"
        "  tcp 127.0.0.1:5020\n"
        "  udp 127.0.0.1:41977\n"
        "  pty /dev/pts/4 link /tmp/gateway\n"
+       "  control http://127.0.0.1:8020\n"
        "\n"
        "With --boot one line names the loader's pseudo-terminal (boot chain /dev/pts/N, or boot lines ...); "
        "with --log one line follows per download, stage and record (download 2, stage 1: 200 bytes, "
@@ -271,65 +425,11 @@ static int Run(int argc, char** argv) {
       "Prints where it listens (\"tcp 127.0.0.1:40123\", \"pty /dev/pts/3\") and runs until\n"
       "SIGINT or SIGTERM.",
       "tamrik-sim"};
-  std::optional<uint16_t> tcp, udp;
-  bool pty = false, log = false;
-  std::string link, model, imageOut, recordsOut, bootMode;
-  bool withoutSetCtx = false;
-  uint32_t noise = 0, corruptEvery = 0, delayMs = 0, lateMs = 0, paceBaud = 0, stallMs = 500;
-  std::optional<uint32_t> truncate;
-  bool silence = false, drop = false;
-  std::vector<std::string> refusals;
-  bool manPage = false;
-  std::string completionShell;
-
-  app.add_option("--tcp", tcp, "Listen for TCP on 127.0.0.1:PORT (0: a free port)")->type_name("PORT")->group("Links");
-  app.add_option("--udp", udp, "Receive UDP on 127.0.0.1:PORT (0: a free port)")->type_name("PORT")->group("Links");
-  app.add_flag("--pty", pty, "Serve a pseudo-terminal (a serial line for the driver)")->group("Links");
-  app.add_option("--link", link, "Put a symbolic link to the pseudo-terminal at PATH")->type_name("PATH")->group("Links");
-  app.add_option("--stall", stallMs, "Give up an unfinished request frame after MS of quiet (0: never)")
-      ->type_name("MS")
-      ->group("Links");
-
-  app.add_option("--model", model, "Station model file (format in docs/simulator.md)")
-      ->type_name("FILE")
-      ->check(CLI::ExistingFile)
-      ->group("Station");
-  app.add_option("--image-out", imageOut, "Write a completed image download to FILE")->type_name("FILE")->group("Station");
-  app.add_flag("--log", log, "Print one line per request served")->group("Station");
-
-  app.add_option("--noise", noise, "N bytes (never 0xAA) before every answer")->type_name("N")->group("Faults");
-  app.add_option("--corrupt-every", corruptEvery, "Every N-th answer gets a wrong check value")->type_name("N")->group("Faults");
-  app.add_option("--refuse", refusals, "Refuse service CODE: answer CODE+BASE (0x8000 or 0xC000), with BYTE if given")
-      ->type_name("CODE[:BASE[:BYTE]]")
-      ->group("Faults");
-  app.add_flag("--silence", silence, "Answer nothing")->group("Faults");
-  app.add_option("--delay", delayMs, "Answer MS late (answers stay in order)")->type_name("MS")->group("Faults");
-  app.add_option("--truncate", truncate, "Send only the first K bytes of every answer")->type_name("K")->group("Faults");
-  app.add_option("--late", lateMs, "Hold each answer back MS and send it on its own, after the host gave up")
-      ->type_name("MS")
-      ->group("Faults");
-  app.add_flag("--drop", drop, "TCP: close the connection instead of answering; UDP, pty: answer nothing")
-      ->group("Faults");
-  app.add_option("--pace", paceBaud, "Send answer bytes at BAUD (10 bits per byte)")->type_name("BAUD")->group("Faults");
-
-  auto* boot = app.add_option("--boot", bootMode,
-                              "Play the boot loader on a pseudo-terminal instead: 'chain' (default) for the "
-                              "boot-loader chain, 'lines' for the firmware line download")
-                   ->expected(0, 1)
-                   ->type_name("[chain|lines]")
-                   ->group("Boot loader");
-  app.add_flag("--no-setctx", withoutSetCtx, "The chain has no SetCtx stage: stage 3 follows stage 1")
-      ->group("Boot loader");
-  app.add_option("--records-out", recordsOut, "Keep FILE as the latest download's records, one line each, each one written before it is answered")
-      ->type_name("FILE")
-      ->group("Boot loader");
-
-  app.set_version_flag("--version", std::string(kProgram) + " " + TAMRIK_VERSION, "Print the version and exit");
-  // For the build, which installs what they print: the manual page and the bash completion,
-  // both made from the options above.
-  app.add_flag("--man", manPage)->group("");
-  app.add_option("--completion", completionShell)->group("");
-
+  Options options;
+  AddLinkAndStationOptions(app, options);
+  AddFaultOptions(app, options);
+  const CLI::Option* boot = AddBootOptions(app, options);
+  AddProgramOptions(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -337,25 +437,17 @@ static int Run(int argc, char** argv) {
     if (e.get_exit_code() == 0) return app.exit(e);
     return UsageMistake(e.what());
   }
-  if (manPage) {
+  options.boot = boot->count() > 0;
+  if (options.manPage) {
     std::fputs(tamrik::progdocs::RoffManPage(app, ManPage()).c_str(), stdout);
     return 0;
   }
-  if (!completionShell.empty()) {
-    if (completionShell != "bash") return UsageMistake("--completion knows bash only");
+  if (!options.completionShell.empty()) {
+    if (options.completionShell != "bash") return UsageMistake("--completion knows bash only");
     std::fputs(tamrik::progdocs::BashCompletion(app, kProgram).c_str(), stdout);
     return 0;
   }
-  if (!bootMode.empty() && bootMode != "chain" && bootMode != "lines") {
-    return UsageMistake("--boot takes chain or lines, not '" + bootMode + "'");
-  }
-  if (boot->count() > 0 && (tcp || udp || pty)) {
-    return UsageMistake("--boot serves a pseudo-terminal of its own; no other link goes with it");
-  }
-  if ((!recordsOut.empty() || withoutSetCtx) && boot->count() == 0) {
-    return UsageMistake("--records-out and --no-setctx need --boot");
-  }
-  if (!link.empty() && !pty && boot->count() == 0) return UsageMistake("--link needs --pty or --boot");
+  if (const std::string mistake = CombinationMistake(options); !mistake.empty()) return UsageMistake(mistake);
 
   // Block the stop signals before any thread starts, so that only the main thread takes them.
   sigset_t stopSignals;
@@ -363,61 +455,8 @@ static int Run(int argc, char** argv) {
   sigaddset(&stopSignals, SIGINT);
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-
-  if (boot->count() > 0) return ServeBootLoader(bootMode, withoutSetCtx, link, recordsOut, log, &stopSignals);
-
-  if (!tcp && !udp && !pty) tcp = 0;
-  tamrik::sim::Station station = tamrik::sim::DefaultStation();
-  if (!model.empty()) {
-    std::string error;
-    auto loaded = tamrik::sim::LoadStationFile(model, &error);
-    if (!loaded) {
-      Message(error);
-      return 1;
-    }
-    station = std::move(*loaded);
-  }
-  if (!imageOut.empty()) station.imageFile = imageOut;
-
-  try {
-    tamrik::sim::Simulator sim(std::move(station));
-    for (const std::string& text : refusals) {
-      uint16_t code = 0;
-      Refusal refusal;
-      std::string error;
-      if (!ParseRefusal(text, &code, &refusal, &error)) return UsageMistake(error);
-      sim.RefuseService(code, refusal);
-    }
-    sim.SetNoise(noise);
-    sim.SetCorruptEvery(corruptEvery);
-    sim.SetSilence(silence);
-    sim.SetAnswerDelay(delayMs);
-    sim.SetTruncation(truncate);
-    sim.SetLateAnswers(lateMs);
-    sim.SetDropConnection(drop);
-    sim.SetPacing(paceBaud);
-    sim.SetStallTimeout(stallMs);
-    if (log) {
-      sim.SetLogSink([](const std::string& line) {
-        std::printf("%s\n", line.c_str());
-        std::fflush(stdout);
-      });
-    }
-    if (tcp) std::printf("tcp 127.0.0.1:%u\n", unsigned(sim.StartTcp(*tcp)));
-    if (udp) std::printf("udp 127.0.0.1:%u\n", unsigned(sim.StartUdp(*udp)));
-    if (pty) {
-      const std::string path = sim.StartPty(link);
-      std::printf("pty %s%s%s\n", path.c_str(), link.empty() ? "" : " link ", link.c_str());
-    }
-    std::fflush(stdout);
-    int sig = 0;
-    sigwait(&stopSignals, &sig);
-    sim.Stop();
-  } catch (const std::exception& e) {
-    Message(e.what());
-    return 1;
-  }
-  return 0;
+  if (options.boot) return ServeBootLoader(options, &stopSignals);
+  return ServeGateway(options, &stopSignals);
 }
 
 // Nothing may leave the program as an exception: whatever the libraries throw ends here with

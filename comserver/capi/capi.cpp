@@ -182,6 +182,8 @@ TAMRIK_API const char* tamrik_result_name(uint32_t code) { return tamrik::Static
 
 TAMRIK_API const char* tamrik_result_text(uint32_t code) { return tamrik::StaticDescription(code).meaning; }
 
+TAMRIK_API uint32_t tamrik_diagnosis_length(uint32_t module_id) { return tamrik::protocol::DiagnosisLength(module_id); }
+
 TAMRIK_API uint32_t tamrik_get_stats(const tamrik_com* com, tamrik_stats* stats) {
   if (com == nullptr || stats == nullptr || stats->struct_size < sizeof(tamrik_stats)) return tamrik::rc::kBadArgument;
   CopyStats(com->driver.Stats(), stats);

@@ -109,6 +109,9 @@ TAMRIK_API void tamrik_set_trace(void (*sink)(void *context, const char *text), 
 TAMRIK_API const char *tamrik_result_name(uint32_t code);
 TAMRIK_API const char *tamrik_result_text(uint32_t code);
 
+/* The diagnosis bytes a module has, by its identifier (bits 12 to 15). */
+TAMRIK_API uint32_t tamrik_diagnosis_length(uint32_t module_id);
+
 /* The counters of one driver object since its creation. */
 #define TAMRIK_STATS_CODES 16
 typedef struct tamrik_stats {

@@ -12,6 +12,7 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -89,6 +90,76 @@ size_t ElementSize(VARTYPE vt) {
   }
 }
 
+// The text a script passed for a char* parameter, as an 8-bit copy with room to write back.
+// Null when the argument goes through as it is; *hr tells a conversion that failed.
+std::unique_ptr<Replacement> AdaptText(VARIANT* given, VARIANT* value, bool byRef, size_t position, HRESULT* hr) {
+  // A pointer to characters (a compiled client's) goes through as it is.
+  if ((V_VT(given) & VT_BYREF) != 0 && value == given && V_VT(given) != (VT_BYREF | VT_BSTR)) return nullptr;
+  const BSTR* text = nullptr;
+  if (V_VT(value) == VT_BSTR) text = &V_BSTR(value);
+  if (V_VT(value) == (VT_BYREF | VT_BSTR)) text = V_BSTRREF(value);
+  // Anything else a script passes (a number, nothing) is taken as its text.
+  VARIANT asText;
+  VariantInit(&asText);
+  if (text == nullptr) {
+    *hr = VariantChangeType(&asText, value, 0, VT_BSTR);
+    if (FAILED(*hr)) return nullptr;
+    text = &V_BSTR(&asText);
+  }
+  auto r = std::make_unique<Replacement>();
+  r->position = position;
+  r->writeBack = byRef ? value : nullptr;
+  r->text = true;
+  const UINT length = *text != nullptr ? SysStringLen(*text) : 0;
+  const int bytes = length > 0 ? WideCharToMultiByte(CP_ACP, 0, *text, int(length), nullptr, 0, nullptr, nullptr) : 0;
+  r->buffer.assign(std::max<size_t>(size_t(bytes) + 1, kTextRoom), '\0');
+  if (bytes > 0) WideCharToMultiByte(CP_ACP, 0, *text, int(length), r->buffer.data(), bytes, nullptr, nullptr);
+  VariantClear(&asText);
+  return r;
+}
+
+// The number a script passed for a numeric pointer parameter, at the start of a zeroed buffer
+// with room for the largest answer. Null when the argument goes through as it is.
+std::unique_ptr<Replacement> AdaptNumber(VARIANT* given, VARIANT* value, VARTYPE pointee, size_t position,
+                                         HRESULT* hr) {
+  // A pointer of the right type (a compiled client's) goes through as it is.
+  if (pointee == VT_EMPTY || ((V_VT(given) & VT_BYREF) != 0 && value == given)) return nullptr;
+  VARIANT converted;
+  VariantInit(&converted);
+  *hr = VariantChangeType(&converted, value, 0, pointee);
+  if (FAILED(*hr)) return nullptr;
+  auto r = std::make_unique<Replacement>();
+  r->position = position;
+  r->writeBack = value != given ? value : nullptr;
+  r->pointee = pointee;
+  r->buffer.assign(kArrayRoom * ElementSize(pointee), '\0');
+  std::memcpy(r->buffer.data(), &V_NONE(&converted), ElementSize(pointee));
+  return r;
+}
+
+// What the method wrote, back into the caller's by-reference variable.
+void WriteBack(const Replacement& r) {
+  if (r.writeBack == nullptr) return;
+  if (!r.text) {
+    VariantClear(r.writeBack);
+    V_VT(r.writeBack) = r.pointee;
+    std::memcpy(&V_NONE(r.writeBack), r.buffer.data(), ElementSize(r.pointee));
+    return;
+  }
+  const int wide = MultiByteToWideChar(CP_ACP, 0, r.buffer.data(), -1, nullptr, 0);
+  std::wstring text(size_t(wide > 0 ? wide : 1), L'\0');
+  if (wide > 0) MultiByteToWideChar(CP_ACP, 0, r.buffer.data(), -1, text.data(), wide);
+  BSTR copy = SysAllocString(text.c_str());
+  if (V_VT(r.writeBack) == (VT_BYREF | VT_BSTR)) {
+    SysFreeString(*V_BSTRREF(r.writeBack));
+    *V_BSTRREF(r.writeBack) = copy;
+  } else {
+    VariantClear(r.writeBack);
+    V_VT(r.writeBack) = VT_BSTR;
+    V_BSTR(r.writeBack) = copy;
+  }
+}
+
 }  // namespace
 
 HRESULT InvokeFromTypeInfo(ITypeInfo* info, IcomVtable* object, DISPID id, WORD flags, DISPPARAMS* params,
@@ -111,59 +182,23 @@ HRESULT InvokeFromTypeInfo(ITypeInfo* info, IcomVtable* object, DISPID id, WORD 
     VARIANT* value = Underlying(given);
     const bool byRef = value != given || V_VT(given) == (VT_BYREF | VT_BSTR);
     const TYPEDESC& type = func.desc->lprgelemdescParam[i].tdesc;
-
-    if (IsTextParameter(type)) {
-      // A pointer to characters (a compiled client's) goes through as it is.
-      if ((V_VT(given) & VT_BYREF) != 0 && value == given && V_VT(given) != (VT_BYREF | VT_BSTR)) continue;
-      const BSTR* text = nullptr;
-      if (V_VT(value) == VT_BSTR) text = &V_BSTR(value);
-      if (V_VT(value) == (VT_BYREF | VT_BSTR)) text = V_BSTRREF(value);
-      // Anything else a script passes (a number, nothing) is taken as its text.
-      VARIANT asText;
-      VariantInit(&asText);
-      if (text == nullptr) {
-        const HRESULT hr = VariantChangeType(&asText, value, 0, VT_BSTR);
-        if (FAILED(hr)) {
-          if (argError != nullptr) *argError = UINT(position);
-          return hr;
-        }
-        text = &V_BSTR(&asText);
-      }
-      auto r = std::make_unique<Replacement>();
-      r->position = position;
-      r->writeBack = byRef ? value : nullptr;
-      r->text = true;
-      const UINT length = *text != nullptr ? SysStringLen(*text) : 0;
-      const int bytes = length > 0 ? WideCharToMultiByte(CP_ACP, 0, *text, int(length), nullptr, 0, nullptr, nullptr) : 0;
-      r->buffer.assign(std::max<size_t>(size_t(bytes) + 1, kTextRoom), '\0');
-      if (bytes > 0) WideCharToMultiByte(CP_ACP, 0, *text, int(length), r->buffer.data(), bytes, nullptr, nullptr);
-      VariantClear(&asText);
-      VariantInit(&args[position]);
-      V_VT(&args[position]) = VT_BYREF | VT_I1;
-      V_I1REF(&args[position]) = r->buffer.data();
-      replaced.push_back(std::move(r));
-      continue;
-    }
-
-    const VARTYPE pointee = NumericPointee(type);
-    // A pointer of the right type (a compiled client's) goes through as it is.
-    if (pointee == VT_EMPTY || ((V_VT(given) & VT_BYREF) != 0 && value == given)) continue;
-    VARIANT converted;
-    VariantInit(&converted);
-    const HRESULT hr = VariantChangeType(&converted, value, 0, pointee);
+    HRESULT hr = S_OK;
+    std::unique_ptr<Replacement> r = IsTextParameter(type)
+                                         ? AdaptText(given, value, byRef, position, &hr)
+                                         : AdaptNumber(given, value, NumericPointee(type), position, &hr);
     if (FAILED(hr)) {
       if (argError != nullptr) *argError = UINT(position);
       return hr;
     }
-    auto r = std::make_unique<Replacement>();
-    r->position = position;
-    r->writeBack = value != given ? value : nullptr;
-    r->pointee = pointee;
-    r->buffer.assign(kArrayRoom * ElementSize(pointee), '\0');
-    std::memcpy(r->buffer.data(), &V_NONE(&converted), ElementSize(pointee));
+    if (r == nullptr) continue;
     VariantInit(&args[position]);
-    V_VT(&args[position]) = VT_BYREF | pointee;
-    V_BYREF(&args[position]) = r->buffer.data();
+    if (r->text) {
+      V_VT(&args[position]) = VT_BYREF | VT_I1;
+      V_I1REF(&args[position]) = r->buffer.data();
+    } else {
+      V_VT(&args[position]) = VT_BYREF | r->pointee;
+      V_BYREF(&args[position]) = r->buffer.data();
+    }
     replaced.push_back(std::move(r));
   }
 
@@ -173,27 +208,7 @@ HRESULT InvokeFromTypeInfo(ITypeInfo* info, IcomVtable* object, DISPID id, WORD 
   adapted.rgvarg = args.data();
   const HRESULT hr = info->Invoke(object, id, flags, &adapted, result, exception, argError);
   if (SUCCEEDED(hr)) {
-    for (const auto& r : replaced) {
-      if (r->writeBack == nullptr) continue;
-      if (r->text) {
-        const int wide = MultiByteToWideChar(CP_ACP, 0, r->buffer.data(), -1, nullptr, 0);
-        std::wstring text(size_t(wide > 0 ? wide : 1), L'\0');
-        if (wide > 0) MultiByteToWideChar(CP_ACP, 0, r->buffer.data(), -1, text.data(), wide);
-        BSTR copy = SysAllocString(text.c_str());
-        if (V_VT(r->writeBack) == (VT_BYREF | VT_BSTR)) {
-          SysFreeString(*V_BSTRREF(r->writeBack));
-          *V_BSTRREF(r->writeBack) = copy;
-        } else {
-          VariantClear(r->writeBack);
-          V_VT(r->writeBack) = VT_BSTR;
-          V_BSTR(r->writeBack) = copy;
-        }
-      } else {
-        VariantClear(r->writeBack);
-        V_VT(r->writeBack) = r->pointee;
-        std::memcpy(&V_NONE(r->writeBack), r->buffer.data(), ElementSize(r->pointee));
-      }
-    }
+    for (const auto& r : replaced) WriteBack(*r);
   }
   return hr;
 }

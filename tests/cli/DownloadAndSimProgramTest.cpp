@@ -12,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include "Json.h"
 #include "cli/ProcessSupport.h"
 #include "cli/ToolSupport.h"
 #include "common/TestSupport.h"
@@ -21,17 +20,14 @@
 namespace tamrik {
 namespace {
 
-using cli::Json;
+using test::Flag;
+using test::Int;
+using test::Json;
 using test::Process;
 using test::RunResult;
+using test::Text;
 using test::Tool;
 using test::ToolJson;
-
-int64_t Int(const Json& doc, const std::string& key) {
-  const Json* v = doc.Find(key);
-  EXPECT_NE(v, nullptr) << key;
-  return v != nullptr ? v->AsInt() : -1;
-}
 
 std::string Hex(const std::vector<uint8_t>& bytes) {
   std::string text;
@@ -75,7 +71,7 @@ TEST(ToolDownloads, FirmwareBootChainAndImageReachTheSimulatedGateway) {
   dir.Write("fw.hex", "firmware for the test\n" + Join(records));
 
   Json doc = ToolJson({"firmware", dir.File("fw.hex")});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
   EXPECT_EQ(Int(doc, "count"), int64_t(records.size()));
   EXPECT_EQ(Int(doc, "loader_received_records"), int64_t(records.size()));
   EXPECT_EQ(Int(doc, "bytes"), int64_t(30 * 21 + 5 + records.size()));
@@ -84,7 +80,7 @@ TEST(ToolDownloads, FirmwareBootChainAndImageReachTheSimulatedGateway) {
   dir.Write("ctx.txt", Pairs(400, 2));
   dir.Write("boot.txt", Pairs(3000, 3));
   doc = ToolJson({"boot", dir.File("bsl.txt"), dir.File("ctx.txt"), dir.File("boot.txt"), dir.File("fw.hex")});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
   EXPECT_EQ(Int(doc, "loader_stage1_bytes"), 120);
   EXPECT_EQ(Int(doc, "loader_stage2_bytes"), 400);
   EXPECT_EQ(Int(doc, "loader_stage3_bytes"), 3000);
@@ -94,10 +90,10 @@ TEST(ToolDownloads, FirmwareBootChainAndImageReachTheSimulatedGateway) {
   dir.Write("kaVBoot.ini", "[BSL-Files]\nBSL_File=" + dir.File("bsl.txt") + "\nSetCtx_File=" + dir.File("ctx.txt") +
                                "\nBoot_File=" + dir.File("boot.txt") + "\nBoot_Firmware=" + dir.File("fw.hex") + "\n");
   doc = ToolJson({"boot", "--ini", dir.File("kaVBoot.ini")});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
   EXPECT_EQ(Int(doc, "loader_stage2_bytes"), 400);
   doc = ToolJson({"boot", dir.File("bsl.txt"), "-", dir.File("boot.txt"), dir.File("fw.hex")});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
   EXPECT_EQ(Int(doc, "loader_stage3_bytes"), 3000);
 
   // A missing stage file is found before anything is sent.
@@ -112,10 +108,10 @@ TEST(ToolDownloads, FirmwareBootChainAndImageReachTheSimulatedGateway) {
   for (int i = 0; i < 600; ++i) image += char(i * 7);
   dir.Write("image.bin", image);
   doc = ToolJson({"image", dir.File("image.bin"), "--start", "0x8000"});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
   EXPECT_EQ(Int(doc, "count"), 3);
   EXPECT_EQ(Int(doc, "start_address"), 0x8000);
-  EXPECT_TRUE(doc.Find("gateway_received_identical")->AsInt());
+  EXPECT_TRUE(Flag(doc, "gateway_received_identical"));
 
   // Without a terminal and without --json the download prints its result, not a live bar.
   run = Tool({"image", dir.File("image.bin")});
@@ -190,7 +186,7 @@ TEST(SimProgram, EachOptionShowsAtTheToolOnTheOtherEnd) {
     const std::string address = sim.Printed("udp ");
     ASSERT_FALSE(address.empty()) << sim.process.err();
     const Json doc = ToolJson({"--udp", address, "info"});
-    EXPECT_EQ(doc.Find("identity")->AsString(), "PROGRAM GW");
+    EXPECT_EQ(Text(doc, "identity"), "PROGRAM GW");
     const Json inputs = ToolJson({"--udp", address, "inputs"});
     EXPECT_EQ(Int(inputs, "count"), 3);
     EXPECT_TRUE(sim.process.WaitForOutput("0x0003", 2000)) << sim.process.out();
@@ -204,7 +200,7 @@ TEST(SimProgram, EachOptionShowsAtTheToolOnTheOtherEnd) {
     ASSERT_FALSE(sim.Printed("pty ").empty()) << sim.process.err();
     EXPECT_TRUE(std::filesystem::is_symlink(link));
     const Json doc = ToolJson({"--serial", link, "--baud", "115200", "inputs"});
-    EXPECT_TRUE(doc.Find("ok")->AsInt());
+    EXPECT_TRUE(Flag(doc, "ok"));
     EXPECT_EQ(sim.process.Stop(5000).status, 0);
     EXPECT_FALSE(std::filesystem::exists(link));
   }
@@ -217,7 +213,7 @@ TEST(SimProgram, EachOptionShowsAtTheToolOnTheOtherEnd) {
     for (size_t i = 0; i < image.size(); ++i) image[i] = char(i * 3 + 1);
     dir.Write("image.bin", image);
     const Json doc = ToolJson({"--tcp", address, "--yes", "image", dir.File("image.bin")});
-    EXPECT_TRUE(doc.Find("ok")->AsInt());
+    EXPECT_TRUE(Flag(doc, "ok"));
     EXPECT_EQ(Int(doc, "count"), 4);
     EXPECT_EQ(sim.process.Stop(5000).status, 0);
     EXPECT_EQ(dir.Read("received.bin"), image);
@@ -231,7 +227,7 @@ TEST(SimProgram, EachOptionShowsAtTheToolOnTheOtherEnd) {
     const std::string path = sim.Printed("boot lines ");
     ASSERT_FALSE(path.empty()) << sim.process.err();
     const Json doc = ToolJson({"--serial", path, "--yes", "firmware", dir.File("fw.hex")});
-    EXPECT_TRUE(doc.Find("ok")->AsInt());
+    EXPECT_TRUE(Flag(doc, "ok"));
     EXPECT_TRUE(sim.process.WaitForOutput("record 6:", 3000)) << sim.process.out();
     EXPECT_EQ(sim.process.Stop(5000).status, 0);
     EXPECT_EQ(dir.Read("records.hex"), Join(records));
@@ -244,7 +240,7 @@ TEST(SimProgram, EachOptionShowsAtTheToolOnTheOtherEnd) {
     ASSERT_FALSE(sim.Printed("boot chain ").empty()) << sim.process.err();
     const Json doc =
         ToolJson({"--serial", link, "--yes", "boot", dir.File("bsl.txt"), "-", dir.File("boot.txt"), dir.File("fw.hex")});
-    EXPECT_TRUE(doc.Find("ok")->AsInt());
+    EXPECT_TRUE(Flag(doc, "ok"));
     EXPECT_TRUE(sim.process.WaitForOutput("stage 3: 500 bytes", 3000)) << sim.process.out();
     EXPECT_EQ(sim.process.Stop(5000).status, 0);
   }

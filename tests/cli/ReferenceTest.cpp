@@ -11,19 +11,22 @@
 #include <string>
 #include <vector>
 
-#include "Json.h"
 #include "ResultNames.h"
 #include "cli/ProcessSupport.h"
 #include "cli/ToolSupport.h"
 #include "common/TestSupport.h"
+#include "sim/ProgramDocsSupport.h"
 
 namespace tamrik {
 namespace {
 
-using cli::Json;
+using test::Json;
+using test::Flag;
+using test::Int;
 using test::RunResult;
 using test::Tool;
 using test::ToolJson;
+using Words = std::vector<std::string>;
 
 std::string ReadSource(const std::string& path) {
   std::ifstream in(std::string(TAMRIK_SOURCE_DIR) + "/" + path, std::ios::binary);
@@ -90,24 +93,10 @@ TEST(Reference, TheResultCodePageListsEveryCodeOfTheTable) {
   std::vector<std::string> args = {"codes"};
   for (const ResultEntry& e : FixedResults()) args.push_back(Hex(e.code));
   const Json doc = ToolJson(args);
-  ASSERT_EQ(doc.Find("codes")->Size(), FixedResults().size());
+  ASSERT_EQ(doc.at("codes").size(), FixedResults().size());
   for (size_t i = 0; i < FixedResults().size(); ++i) {
-    EXPECT_EQ((*doc.Find("codes"))[i].Find("name")->AsString(), FixedResults()[i].name);
+    EXPECT_EQ(doc.at("codes")[i].at("name").get<std::string>(), FixedResults()[i].name);
   }
-}
-
-std::vector<std::string> Completions(const std::string& script, const std::vector<std::string>& words) {
-  std::string array;
-  for (const auto& w : words) array += " '" + w + "'";
-  const std::string command = "source '" + script + "'; COMP_WORDS=(" + array + "); COMP_CWORD=" +
-                              std::to_string(words.size() - 1) + "; _tamrik; printf '%s\\n' \"${COMPREPLY[@]}\"";
-  const RunResult run = test::Run({"/bin/bash", "-c", command}, 10000);
-  std::vector<std::string> found;
-  std::istringstream in(run.out);
-  for (std::string line; std::getline(in, line);) {
-    if (!line.empty()) found.push_back(line);
-  }
-  return found;
 }
 
 TEST(Reference, ManPageAndCompletionComeFromTheCommandTableAndAreInstalled) {
@@ -124,11 +113,20 @@ TEST(Reference, ManPageAndCompletionComeFromTheCommandTableAndAreInstalled) {
   EXPECT_GT(commands.size(), 25u);
   for (const std::string& c : commands) {
     std::string roff = std::regex_replace(c, std::regex("-"), "\\-");
-    EXPECT_NE(man.out.find(".TP\n\\fB" + roff + "\\fR"), std::string::npos) << c;
+    EXPECT_NE(man.out.find(".SS \"" + roff + "\""), std::string::npos) << c;
   }
   EXPECT_NE(man.out.find("\\fB\\-\\-tcp\\fR \\fIHOST:PORT\\fR"), std::string::npos);
   EXPECT_EQ(man.out.find(".SS \n"), std::string::npos);
   EXPECT_EQ(man.out.find("\\-\\-man"), std::string::npos);  // the hidden options stay hidden
+  // The safety section names the commands behind the --yes guard, as the table marks them.
+  const size_t safety = man.out.find(".SH \"SAFETY\"");
+  ASSERT_NE(safety, std::string::npos);
+  const std::string guarded = man.out.substr(safety, man.out.find(".SH", safety + 1) - safety);
+  for (const char* form : {"outputs BYTES", "opmode MODE", "tr clear", "monitor reset|start|stop", "stream write",
+                           "service\\-baud", "image", "demo"})
+    EXPECT_NE(guarded.find(form), std::string::npos) << form << "\n" << guarded;
+  for (const char* reading : {"inputs", "modules", "clock", "watch", "codes"})
+    EXPECT_EQ(guarded.find(reading), std::string::npos) << reading;
   if (std::filesystem::exists("/usr/bin/groff")) {
     test::TempDir dir;
     dir.Write("tamrik.1", man.out);
@@ -146,11 +144,24 @@ TEST(Reference, ManPageAndCompletionComeFromTheCommandTableAndAreInstalled) {
   const std::string script = prefix.File("share/bash-completion/completions/tamrik");
   EXPECT_EQ(prefix.Read("share/bash-completion/completions/tamrik"), Tool({"--completion", "bash"}).out);
 
-  EXPECT_EQ(Completions(script, {"tamrik", "inp"}), std::vector<std::string>{"inputs"});
-  EXPECT_EQ(Completions(script, {"tamrik", "--json", "fbi", ""}), (std::vector<std::string>{"--help", "-h", "start", "reset"}));
-  EXPECT_EQ(Completions(script, {"tamrik", "--sim-link", "u"}), std::vector<std::string>{"udp"});
-  EXPECT_EQ(Completions(script, {"tamrik", "--sim", "--json", "mod"}), std::vector<std::string>{"modules"});
-  EXPECT_EQ(Completions(script, {"tamrik", "watch", "--re"}), std::vector<std::string>{"--reconnect"});
+  using test::Completions;
+  EXPECT_EQ(Completions(script, {"tamrik", "inp"}), Words{"inputs"});
+  EXPECT_EQ(Completions(script, {"tamrik", "--json", "fbi", ""}), (Words{"start", "reset"}));
+  EXPECT_EQ(Completions(script, {"tamrik", "tr", "c"}), Words{"clear"});
+  EXPECT_EQ(Completions(script, {"tamrik", "--sim-link", "u"}), Words{"udp"});
+  EXPECT_EQ(Completions(script, {"tamrik", "--sim", "--json", "mod"}), Words{"modules"});
+  EXPECT_EQ(Completions(script, {"tamrik", "watch", "--re"}), Words{"--reconnect"});
+  EXPECT_EQ(Completions(script, {"tamrik", "stream", "w"}), Words{"write"});
+  // File names where a command or an option takes a file; nothing where it takes a number.
+  test::TempDir files;
+  files.Write("firmware.hex", ":00000001FF\n");
+  for (const Words& words : {Words{"tamrik", "firmware"}, Words{"tamrik", "image", "--start", "0x10"},
+                             Words{"tamrik", "--demo"}, Words{"tamrik", "boot", "--ini"}, Words{"tamrik", "--serial"}}) {
+    Words typed = words;
+    typed.push_back(files.File("firm"));
+    EXPECT_EQ(Completions(script, typed), Words{files.File("firmware.hex")}) << words.back();
+  }
+  EXPECT_EQ(Completions(script, {"tamrik", "service", "--receive", ""}), Words{});
   const std::vector<std::string> top = Completions(script, {"tamrik", ""});
   for (const std::string& c : commands) EXPECT_NE(std::find(top.begin(), top.end(), c), top.end()) << c;
   EXPECT_EQ(std::find(top.begin(), top.end(), "--man"), top.end());
@@ -198,14 +209,14 @@ TEST(Reference, AnswersLargerThanTheFirstRoomAreReadWhole) {
   for (int i = 0; i < 300; ++i) model += "[module]\nid = 0x011001\ntype = D\ninputs = 1\noutputs = 1\n";
   dir.Write("big.txt", model);
   Json doc = ToolJson({"--sim-model", dir.File("big.txt"), "modules"});
-  EXPECT_EQ(doc.Find("count")->AsInt(), 300);
+  EXPECT_EQ(Int(doc, "count"), 300);
   doc = ToolJson({"--sim-model", dir.File("big.txt"), "inputs"});
-  EXPECT_EQ(doc.Find("count")->AsInt(), 300);
-  EXPECT_EQ(doc.Find("inputs")->Size(), 300u);
+  EXPECT_EQ(Int(doc, "count"), 300);
+  EXPECT_EQ(doc.at("inputs").size(), 300u);
   doc = ToolJson({"--sim-model", dir.File("big.txt"), "outputs", std::string(600, 'F')});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
-  EXPECT_EQ(doc.Find("outputs")->Size(), 300u);
-  EXPECT_EQ((*doc.Find("outputs"))[299].AsInt(), 0xFF);
+  EXPECT_TRUE(Flag(doc, "ok"));
+  EXPECT_EQ(doc.at("outputs").size(), 300u);
+  EXPECT_EQ(doc.at("outputs")[299].get<int64_t>(), 0xFF);
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include <thread>
 #include <vector>
 
-#include "Json.h"
 #include "Simulator.h"
 #include "cli/ProcessSupport.h"
 #include "cli/ToolSupport.h"
@@ -21,7 +20,8 @@
 namespace tamrik {
 namespace {
 
-using cli::Json;
+using test::Json;
+using test::Flag;
 using test::Process;
 using test::RunResult;
 using test::Tool;
@@ -88,13 +88,13 @@ TEST(Safety, EveryChangeNeedsYesOnARealLinkAndSendsNothingWithout) {
   // With --yes the change is made; reading needs no --yes.
   const std::vector<uint8_t> before = gateway.sim.OutputImage();
   Json doc = ToolJson(Join(gateway.Link(), {"--yes", "outputs", "A5"}));
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
   EXPECT_EQ(gateway.sim.OutputImage()[0], 0xA5);
   EXPECT_EQ(gateway.sim.OutputImage().size(), before.size());
   doc = ToolJson(Join(gateway.Link(), {"-y", "opmode", "2"}));
   EXPECT_EQ(Int(doc, "operation_mode"), 2);
   doc = ToolJson(Join(gateway.Link(), {"inputs"}));
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
 
   // The tour on a real link writes outputs and an image: with --yes it runs and leaves the
   // outputs as they were.
@@ -168,7 +168,7 @@ TEST(Safety, InputsAreCheckedBeforeAnythingIsSent) {
   RunResult run;
   const Json doc = ToolJson(Join(gateway.Link(), {"--yes", "outputs", std::string(2 * (outputs.size() + 1), '7')}), &run);
   EXPECT_EQ(run.status, 2);
-  EXPECT_NE(Text(*doc.Find("error"), "text").find("holds " + std::to_string(outputs.size()) + " bytes"),
+  EXPECT_NE(Text(doc.at("error"), "text").find("holds " + std::to_string(outputs.size()) + " bytes"),
             std::string::npos);
   EXPECT_EQ(gateway.sim.OutputImage(), outputs);
 }
@@ -185,17 +185,16 @@ TEST(Safety, InfoShowsWhatItReadAndMarksEachFailedPart) {
   RunResult jsonRun;
   const Json doc = ToolJson(args, &jsonRun);
   EXPECT_EQ(jsonRun.status, 1);
-  EXPECT_FALSE(doc.Find("ok")->AsInt());
+  EXPECT_FALSE(Flag(doc, "ok"));
   EXPECT_EQ(Text(doc, "identity"), "TAMRIK-SIM GW-1");
   EXPECT_EQ(Int(doc, "gateway_id"), 0x12345678);
-  const Json* version = doc.Find("version");
-  ASSERT_NE(version, nullptr);
-  ASSERT_NE(version->Find("error"), nullptr);
-  EXPECT_EQ(Int(*version->Find("error"), "code"), 0x28101);
-  EXPECT_EQ(Text(*version->Find("error"), "name"), "Refused");
-  EXPECT_FALSE(Text(*version->Find("error"), "text").empty());
+  ASSERT_TRUE(doc.contains("version") && doc.at("version").contains("error")) << doc.dump();
+  const Json& error = doc.at("version").at("error");
+  EXPECT_EQ(Int(error, "code"), 0x28101);
+  EXPECT_EQ(Text(error, "name"), "Refused");
+  EXPECT_FALSE(Text(error, "text").empty());
   // The whole document's error is the first failure.
-  EXPECT_EQ(Int(*doc.Find("error"), "code"), 0x28101);
+  EXPECT_EQ(Int(doc.at("error"), "code"), 0x28101);
 }
 
 TEST(Safety, FailuresOfTheLinkSayWhatHappened) {
@@ -207,8 +206,8 @@ TEST(Safety, FailuresOfTheLinkSayWhatHappened) {
   EXPECT_NE(run.err.find("0x3D304D ConnectFailed"), std::string::npos) << run.err;  // 4000000 + 10061
   RunResult jsonRun;
   const Json doc = ToolJson({"--tcp", peer, "inputs"}, &jsonRun);
-  EXPECT_EQ(Int(*doc.Find("error"), "code"), 4010061);
-  EXPECT_EQ(Text(*doc.Find("error"), "name"), "ConnectFailed");
+  EXPECT_EQ(Int(doc.at("error"), "code"), 4010061);
+  EXPECT_EQ(Text(doc.at("error"), "name"), "ConnectFailed");
 
   // --timeout is the socket answer bound: a gateway that answers after 300 ms is too slow for
   // the default and in time for 1000 ms.
@@ -284,7 +283,7 @@ TEST(Safety, WatchWritesCsvAndReconnectsAfterADroppedLink) {
   EXPECT_EQ(Int(doc, "count"), 4);
   EXPECT_EQ(Int(doc, "failures"), 1);
   EXPECT_EQ(Int(doc, "reconnects"), 1);
-  EXPECT_EQ(doc.Find("failures_by_name")->Fields().size(), 1u);
+  EXPECT_EQ(doc.at("failures_by_name").size(), 1u);
   EXPECT_GT(Int(doc, "exchanges"), 3);
 
   // Without --reconnect a failure ends the watch, with the summary and status 1.

@@ -1,15 +1,19 @@
-// The tool under test run as a subprocess, plain or with --json.
+// The tool under test run as a subprocess, plain or with --json; its documents read with the
+// same JSON library the tool writes them with.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <string>
 #include <vector>
 
-#include "Json.h"
 #include "cli/ProcessSupport.h"
 
 namespace tamrik::test {
+
+using Json = nlohmann::ordered_json;
 
 inline RunResult Tool(std::vector<std::string> args, int timeoutMs = 30000) {
   args.insert(args.begin(), TAMRIK_TOOL);
@@ -17,12 +21,11 @@ inline RunResult Tool(std::vector<std::string> args, int timeoutMs = 30000) {
 }
 
 // The tool with --json: the document on stdout, which must parse.
-inline cli::Json ToolJson(std::vector<std::string> args, RunResult* run = nullptr) {
+inline Json ToolJson(std::vector<std::string> args, RunResult* run = nullptr) {
   args.insert(args.begin(), "--json");
   RunResult result = Tool(args);
-  cli::Json doc;
-  std::string error;
-  EXPECT_TRUE(cli::ParseJson(result.out, &doc, &error)) << error << "\n" << result.out << result.err;
+  Json doc = Json::parse(result.out, nullptr, false);
+  EXPECT_FALSE(doc.is_discarded()) << result.out << result.err;
   if (run != nullptr) *run = result;
   return doc;
 }
@@ -34,25 +37,35 @@ inline std::string Describe(const std::vector<std::string>& args, const RunResul
   return text + "\nexit " + std::to_string(r.status) + "\n--- stdout\n" + r.out + "--- stderr\n" + r.err;
 }
 
-// Members of a document that must be there.
-inline int64_t Int(const cli::Json& doc, const std::string& key) {
-  const cli::Json* v = doc.Find(key);
-  EXPECT_NE(v, nullptr) << key;
-  return v != nullptr ? v->AsInt() : -1;
+// Members of a document that must be there, of the kind asked for.
+inline const Json* Member(const Json& doc, const std::string& key) {
+  const bool found = doc.is_object() && doc.contains(key);
+  EXPECT_TRUE(found) << key << " in " << doc.dump();
+  return found ? &doc[key] : nullptr;
 }
 
-inline std::string Text(const cli::Json& doc, const std::string& key) {
-  const cli::Json* v = doc.Find(key);
-  EXPECT_NE(v, nullptr) << key;
-  return v != nullptr && v->kind() == cli::Json::Kind::String ? v->AsString() : std::string();
+inline int64_t Int(const Json& doc, const std::string& key) {
+  const Json* v = Member(doc, key);
+  EXPECT_TRUE(v == nullptr || v->is_number_integer()) << key << " = " << v->dump();
+  return v != nullptr && v->is_number_integer() ? v->get<int64_t>() : -1;
 }
 
-inline std::vector<int64_t> Numbers(const cli::Json& doc, const std::string& key) {
+inline std::string Text(const Json& doc, const std::string& key) {
+  const Json* v = Member(doc, key);
+  return v != nullptr && v->is_string() ? v->get<std::string>() : std::string();
+}
+
+// A yes-or-no member: true only when it is there and true.
+inline bool Flag(const Json& doc, const std::string& key) {
+  const Json* v = Member(doc, key);
+  return v != nullptr && v->is_boolean() && v->get<bool>();
+}
+
+inline std::vector<int64_t> Numbers(const Json& doc, const std::string& key) {
   std::vector<int64_t> out;
-  const cli::Json* v = doc.Find(key);
-  EXPECT_NE(v, nullptr) << key;
-  if (v != nullptr) {
-    for (size_t i = 0; i < v->Size(); ++i) out.push_back((*v)[i].AsInt());
+  const Json* v = Member(doc, key);
+  if (v != nullptr && v->is_array()) {
+    for (const Json& item : *v) out.push_back(item.is_number_integer() ? item.get<int64_t>() : -1);
   }
   return out;
 }

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "Json.h"
 #include "SimStation.h"
 #include "cli/ProcessSupport.h"
 #include "cli/ToolSupport.h"
@@ -18,7 +17,8 @@
 namespace tamrik {
 namespace {
 
-using cli::Json;
+using test::Json;
+using test::Flag;
 using test::RunResult;
 using test::Tool;
 using test::Int;
@@ -47,7 +47,7 @@ TEST(Tool, EveryCommandRunsAgainstTheSimulatedGatewayInTextAndJson) {
        }},
       {{"modules"}, {"0x021101", "0x045203", "0x013004", "diag bytes"}, [&](const Json& d) {
          ASSERT_EQ(Int(d, "count"), int64_t(station.modules.size()));
-         const Json& rows = *d.Find("modules");
+         const Json& rows = d.at("modules");
          for (size_t i = 0; i < station.modules.size(); ++i) {
            EXPECT_EQ(Int(rows[i], "id"), station.modules[i].id);
            EXPECT_EQ(Int(rows[i], "diag_bytes"), sim::DiagLengthForId(station.modules[i].id));
@@ -65,12 +65,12 @@ TEST(Tool, EveryCommandRunsAgainstTheSimulatedGatewayInTextAndJson) {
        }},
       {{"diag"}, {"diagnosis", "0x045203"}, [&](const Json& d) {
          EXPECT_EQ(Numbers(d, "gateway").size(), station.gatewayDiagnosis.size());
-         EXPECT_EQ(d.Find("modules")->Size(), station.modules.size());
+         EXPECT_EQ(d.at("modules").size(), station.modules.size());
        }},
       {{"errors"}, {"0x22", "AA BB", "0d 00:00:10.000"}, [](const Json& d) {
          EXPECT_EQ(Int(d, "count"), 2);
-         EXPECT_EQ(Int((*d.Find("errors"))[1], "duration_ms"), 10000);
-         EXPECT_EQ(Numbers((*d.Find("errors"))[1], "extra"), (std::vector<int64_t>{0xAA, 0xBB}));
+         EXPECT_EQ(Int(d.at("errors")[1], "duration_ms"), 10000);
+         EXPECT_EQ(Numbers(d.at("errors")[1], "extra"), (std::vector<int64_t>{0xAA, 0xBB}));
        }},
       {{"clock"}, {"0d 00:00:0"}, [](const Json& d) { EXPECT_LT(Int(d, "total_seconds"), 60); }},
       {{"opmode", "2"}, {"operation mode  2"}, [](const Json& d) { EXPECT_EQ(Int(d, "operation_mode"), 2); }},
@@ -78,7 +78,7 @@ TEST(Tool, EveryCommandRunsAgainstTheSimulatedGatewayInTextAndJson) {
       // The driver sends the new address with the operation-mode service; the tool says so.
       {{"address", "9"}, {"operation-mode service"}, [&](const Json& d) {
          EXPECT_EQ(Int(d, "station_address"), station.stationAddress);
-         EXPECT_NE(d.Find("note"), nullptr);
+         EXPECT_TRUE(d.contains("note"));
        }},
       {{"address"}, {"station address"}, [&](const Json& d) { EXPECT_EQ(Int(d, "station_address"), station.stationAddress); }},
       {{"switches"}, {"0x0003"}, [](const Json& d) { EXPECT_EQ(Int(d, "switches"), 3); }},
@@ -113,7 +113,7 @@ TEST(Tool, EveryCommandRunsAgainstTheSimulatedGatewayInTextAndJson) {
       {{"block", "write", "AA 03 00 00 00 29 B3", "--read", "5"}, {"read", "AA 03 40"}, [](const Json& d) {
          EXPECT_EQ(Numbers(d, "read"), (std::vector<int64_t>{0xAA, 0x03, 0x40, 0x06, 0x00}));
        }},
-      {{"privileged", "enter", "tamrik test"}, {"privileged"}, [](const Json& d) { EXPECT_TRUE(d.Find("privileged")->AsInt()); }},
+      {{"privileged", "enter", "tamrik test"}, {"privileged"}, [](const Json& d) { EXPECT_TRUE(Flag(d, "privileged")); }},
       {{"privileged", "channel"}, {"channel"}, [&](const Json& d) { EXPECT_EQ(Int(d, "channel"), station.privilegedChannel); }},
       {{"privileged", "name"}, {station.privilegedName}, nullptr},
       {{"watch", "-n", "3", "-i", "20"}, {"3 reads, 0 failures", "->"}, [](const Json& d) {
@@ -123,7 +123,7 @@ TEST(Tool, EveryCommandRunsAgainstTheSimulatedGatewayInTextAndJson) {
        }},
       {{"image", "--cancel"}, {"cancelled"}, nullptr},
       {{"codes", "0x10040"}, {"BadCheckValue"}, [](const Json& d) {
-         EXPECT_EQ(Text((*d.Find("codes"))[0], "name"), "BadCheckValue");
+         EXPECT_EQ(Text(d.at("codes")[0], "name"), "BadCheckValue");
        }},
   };
   for (const Case& c : cases) {
@@ -135,8 +135,8 @@ TEST(Tool, EveryCommandRunsAgainstTheSimulatedGatewayInTextAndJson) {
     RunResult run;
     const Json doc = ToolJson(c.args, &run);
     EXPECT_EQ(run.status, 0);
-    ASSERT_NE(doc.Find("ok"), nullptr);
-    EXPECT_TRUE(doc.Find("ok")->AsInt());
+    ASSERT_TRUE(doc.contains("ok"));
+    EXPECT_TRUE(Flag(doc, "ok"));
     if (c.json) c.json(doc);
   }
 }
@@ -159,10 +159,10 @@ TEST(Tool, TheDemoTourShowsEachStepAndEndsWell) {
   EXPECT_NE(bare.out.find("Demonstration finished."), std::string::npos);
 
   const Json doc = ToolJson({"demo"});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
-  EXPECT_TRUE(doc.Find("outputs")->Find("matches")->AsInt());
-  EXPECT_TRUE(doc.Find("image")->Find("gateway_received_identical")->AsInt());
-  EXPECT_EQ(doc.Find("inputs")->Size(), 3u);
+  EXPECT_TRUE(Flag(doc, "ok"));
+  EXPECT_TRUE(Flag(doc.at("outputs"), "matches"));
+  EXPECT_TRUE(Flag(doc.at("image"), "gateway_received_identical"));
+  EXPECT_EQ(doc.at("inputs").size(), 3u);
 }
 
 TEST(Tool, FailuresPrintTheCodeWithItsNameAndExitNonZero) {
@@ -201,11 +201,11 @@ TEST(Tool, FailuresPrintTheCodeWithItsNameAndExitNonZero) {
     RunResult jsonRun;
     const Json doc = ToolJson(c.args, &jsonRun);
     EXPECT_EQ(jsonRun.status, 1);
-    ASSERT_NE(doc.Find("error"), nullptr);
-    EXPECT_FALSE(doc.Find("ok")->AsInt());
-    EXPECT_EQ(Int(*doc.Find("error"), "code"), c.code);
-    EXPECT_EQ(Text(*doc.Find("error"), "name"), c.name);
-    EXPECT_FALSE(Text(*doc.Find("error"), "text").empty());
+    ASSERT_TRUE(doc.contains("error"));
+    EXPECT_FALSE(Flag(doc, "ok"));
+    EXPECT_EQ(Int(doc.at("error"), "code"), c.code);
+    EXPECT_EQ(Text(doc.at("error"), "name"), c.name);
+    EXPECT_FALSE(Text(doc.at("error"), "text").empty());
   }
 
   // Mistakes of the user are status 2 and name the mistake.
@@ -224,12 +224,75 @@ TEST(Tool, FailuresPrintTheCodeWithItsNameAndExitNonZero) {
     const Json doc = ToolJson(args, &usage);
     SCOPED_TRACE(test::Describe(args, usage));
     EXPECT_EQ(usage.status, 2);
-    ASSERT_NE(doc.Find("error"), nullptr);
-    EXPECT_FALSE(doc.Find("ok")->AsInt());
-    EXPECT_EQ(Int(*doc.Find("error"), "code"), 0);
-    EXPECT_EQ(Text(*doc.Find("error"), "name"), "usage");
-    EXPECT_FALSE(Text(*doc.Find("error"), "text").empty());
+    ASSERT_TRUE(doc.contains("error"));
+    EXPECT_FALSE(Flag(doc, "ok"));
+    EXPECT_EQ(Int(doc.at("error"), "code"), 0);
+    EXPECT_EQ(Text(doc.at("error"), "name"), "usage");
+    EXPECT_FALSE(Text(doc.at("error"), "text").empty());
   }
+}
+
+TEST(Tool, NumbersAreTakenWholeWithinTheirRangeOrRefused) {
+  test::TempDir dir;
+  dir.Write("image.bin", std::string(300, 'i'));
+  std::string bits = "0x100000000";  // 0 in its low 32 bits: a table of 0 to 31 if it were cut
+  for (int i = 1; i < 32; ++i) bits += "," + std::to_string(i);
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string member;  // with status 0: the member that holds the number taken
+    int64_t value;
+  };
+  const std::vector<Case> cases = {
+      {{"codes", "0xFFFFFFFF"}, 0, "", 0},
+      {{"codes", "0x100000000"}, 2, "", 0},
+      {{"codes", "-1"}, 2, "", 0},
+      {{"codes", "0x"}, 2, "", 0},
+      {{"codes", "12abc"}, 2, "", 0},
+      {{"opmode", "255"}, 0, "operation_mode", 255},
+      {{"opmode", "010"}, 0, "operation_mode", 10},  // decimal: a leading zero makes no octal number
+      {{"opmode", "256"}, 2, "", 0},
+      {{"opmode", "0x1000000FF"}, 2, "", 0},
+      {{"leds", "0xFFFF"}, 0, "leds", 0xFFFF},
+      {{"leds", "0x10000"}, 2, "", 0},
+      {{"service", "0x10001"}, 2, "", 0},
+      {{"service", "0x101", "--receive", "0x10000"}, 2, "", 0},
+      {{"stream", "write", "0", "19", "00"}, 0, "segments", 1},
+      {{"stream", "write", "0", "20", "00"}, 2, "", 0},
+      {{"stream", "position", "0", "0x1FF"}, 2, "", 0},
+      {{"block", "read", "4097"}, 2, "", 0},
+      {{"watch", "-n", "1000001"}, 2, "", 0},
+      {{"watch", "-n", "1", "-i", "-1"}, 2, "", 0},
+      // 0xFFFFFFFF is -1 in the interface's 32 bits: no start address, as -1 is.
+      {{"image", dir.File("image.bin"), "--start", "0xFFFFFFFE"}, 0, "start_address", 0xFFFFFFFELL},
+      {{"image", dir.File("image.bin"), "--start", "0x100000000"}, 2, "", 0},
+      {{"image", dir.File("image.bin"), "--start", "-2"}, 2, "", 0},
+      {{"--timeout", "0xEA60", "switches"}, 0, "switches", 3},
+      {{"--timeout", "60001", "switches"}, 2, "", 0},
+      {{"--timeout", "0x100000001", "switches"}, 2, "", 0},
+      {{"--baud", "9601", "switches"}, 2, "", 0},
+      {{"--sim-refuse", "0x3FFF", "switches"}, 0, "switches", 3},
+      {{"--sim-refuse", "0x100000101", "switches"}, 2, "", 0},
+      {{"--sim-refuse", "0x101:0x18000", "switches"}, 2, "", 0},
+      {{"--privileged-bits", bits, "privileged", "channel"}, 2, "", 0},
+      {{"--tcp", "127.0.0.1:65536", "info"}, 2, "", 0},
+      {{"--tcp", "127.0.0.1:18446744073709551617", "info"}, 2, "", 0},
+  };
+  for (const Case& c : cases) {
+    RunResult run;
+    const Json doc = ToolJson(c.args, &run);
+    SCOPED_TRACE(test::Describe(c.args, run));
+    EXPECT_EQ(run.status, c.status);
+    if (c.status == 0 && !c.member.empty()) {
+      EXPECT_EQ(Int(doc, c.member), c.value);
+    }
+    if (c.status == 2) {
+      EXPECT_EQ(Text(doc.at("error"), "name"), "usage");
+    }
+  }
+  // The refusal names the argument, the text given and the range.
+  const RunResult run = Tool({"opmode", "256"});
+  EXPECT_NE(run.err.find("tamrik: MODE '256' is not a number from 0 to 255"), std::string::npos) << run.err;
 }
 
 TEST(Tool, LinksOverUdpAPseudoTerminalAndDemonstrationData) {
@@ -273,7 +336,7 @@ TEST(Tool, LinksOverUdpAPseudoTerminalAndDemonstrationData) {
   for (int i = 0; i < 32; ++i) table += std::to_string(31 - i) + " ";
   dir.Write("model.txt", "identity = MODEL GW\nclock = 0x80000001\nprivileged_table = " + table + "\n");
   doc = ToolJson({"--sim-model", dir.File("model.txt"), "privileged", "enter", "me"});
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
   doc = ToolJson({"--sim-model", dir.File("model.txt"), "info"});
   EXPECT_EQ(Text(doc, "identity"), "MODEL GW");
 }
@@ -292,7 +355,7 @@ TEST(Tool, TraceShowsTheDriversLinesOnStderrOnly) {
 
   RunResult jsonRun;
   const Json doc = ToolJson({"--trace", "switches"}, &jsonRun);
-  EXPECT_TRUE(doc.Find("ok")->AsInt());
+  EXPECT_TRUE(Flag(doc, "ok"));
   EXPECT_NE(jsonRun.err.find("trace:"), std::string::npos);
 }
 

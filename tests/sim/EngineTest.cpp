@@ -6,6 +6,8 @@
 
 #include "SimEngine.h"
 #include "SimTestSupport.h"
+#include "protocol/Codec.h"
+#include "protocol/ServiceTable.h"
 
 namespace tamrik::sim::test {
 namespace {
@@ -314,6 +316,37 @@ TEST(SimEngine, StreamAndTrBufferServices) {
   EXPECT_EQ(ToHex(Ask(e, 22).data), "01 02 03");
   Ask(e, 21);
   EXPECT_TRUE(Ask(e, 22).data.empty());
+}
+
+// Every service of the table whose request carries no data: the engine answers it, the
+// answer decodes whole by the table's answer rule, and the request with a data byte is refused.
+TEST(SimEngine, ServicesWithoutRequestDataAnswerAsTheTableSays) {
+  const uint16_t codes[] = {
+#define TAMRIK_CODE(code, Name, request, answer, refusable) code,
+      TAMRIK_SERVICE_TABLE(TAMRIK_CODE)
+#undef TAMRIK_CODE
+  };
+  size_t checked = 0;
+  for (const uint16_t code : codes) {
+    if (protocol::RequestRuleFor(code) != protocol::RequestRule::Empty) continue;
+    SCOPED_TRACE(protocol::ServiceName(code));
+    ++checked;
+    ServiceEngine e;
+    const Bytes frame = e.Serve(Request(code));
+    ASSERT_GE(frame.size(), protocol::kFrameOverhead);
+    const size_t dataBytes = frame.size() - protocol::kFrameOverhead;
+    std::vector<int32_t> values(protocol::AnswerValuesNeeded(code, frame.data(), frame.size()) + 1);
+    int32_t count = -1;
+    EXPECT_EQ(protocol::DecodeAnswer(code, frame.data(), frame.size(), values.data(), values.size(), &count), 0u);
+    EXPECT_EQ(protocol::ParseHeader(frame.data() + 1).code, code + 0x4000);
+    // An answer with data that delivers nothing is shorter than its rule wants.
+    EXPECT_TRUE(count > 0 || dataBytes == 0) << count;
+
+    const Answer refused = Ask(e, code, {0});
+    EXPECT_EQ(refused.code, code + 0x8000);
+    EXPECT_EQ(ToHex(refused.data), "01");
+  }
+  EXPECT_GT(checked, 30u);  // the loop did walk the table
 }
 
 TEST(SimEngine, UnknownCodesAreRefusedAsConfigured) {

@@ -137,6 +137,73 @@ TEST(SimFaults, RawAnswersAndOverridesReplaceTheModel) {
   EXPECT_EQ(ToHex(log[7].frame), ToHex(kVersionRequest));
 }
 
+TEST(SimFaults, LogLinesNameTheServiceAndWhatWentBack) {
+  Gateway g;
+  std::vector<std::string> lines;
+  g.SetLogSink([&](const std::string& line) { lines.push_back(line); });
+  g.ServeFrame(kVersionRequest);
+  g.ServeFrame(Request(2));  // no service of the table
+  g.ServeFrame(Request(0x4101, {7}));  // the answer code of a service, sent as a request
+  g.FaultNextAnswer(AnswerFault().Silent());
+  g.ServeFrame(Request(5, HexBytes("11 22")));
+  g.FaultNextAnswer(AnswerFault().Late(300));
+  g.ServeFrame(kVersionRequest);
+  g.ServeFrame(HexBytes("AA 01 01 00 00 83 D1"));
+  ASSERT_EQ(lines.size(), 6u);
+  EXPECT_NE(lines[0].find("direct 0x0101 GatewayVersion [0] -> " + kVersionAnswer), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("0x0002 [0] -> AA 02 80 00 00"), std::string::npos) << lines[1];
+  EXPECT_NE(lines[2].find("0x4101 [1] 07 -> AA 01 C1 00 00"), std::string::npos) << lines[2];
+  EXPECT_NE(lines[3].find("0x0005 ProcessOutWrite [2] 11 22 -> (no answer)"), std::string::npos) << lines[3];
+  EXPECT_NE(lines[4].find(" (late 300 ms)"), std::string::npos) << lines[4];
+  EXPECT_NE(lines[5].find("dropped, wrong check value: AA 01 01 00 00 83 D1"), std::string::npos) << lines[5];
+}
+
+// The CODE[:BASE[:BYTE]] text of the programs' --refuse options: read whole, or refused
+// whole, never a value cut down to fit its field.
+TEST(SimFaults, RefusalTextsAreReadWholeOrRefused) {
+  struct Good {
+    std::string text;
+    uint16_t code;
+    Refusal refusal;
+  };
+  const Good goods[] = {
+      {"0x101", 0x101, {0x8000, std::nullopt}}, {"3:0x8000:5", 3, {0x8000, 5}},
+      {"0x3FFF:0xC000", 0x3FFF, {0xC000, std::nullopt}}, {"263:49152:255", 263, {0xC000, 0xFF}},
+      {"0:0X8000:0x0", 0, {0x8000, 0}}, {"010", 10, {0x8000, std::nullopt}},  // decimal, as everywhere
+  };
+  for (const Good& good : goods) {
+    uint16_t code = 7;
+    Refusal refusal{0xC000, 9};
+    std::string error;
+    EXPECT_TRUE(ParseRefusal(good.text, &code, &refusal, &error)) << good.text << ": " << error;
+    EXPECT_EQ(code, good.code) << good.text;
+    EXPECT_EQ(refusal.base, good.refusal.base) << good.text;
+    EXPECT_EQ(refusal.data, good.refusal.data) << good.text;
+  }
+
+  const char* const mistakes[] = {
+      // The code: beyond 0x3FFF, beyond 16, 32 and 64 bits (each would wrap to 0x101), signed,
+      // padded, empty, not a number.
+      "0x4000", "0x10101", "65793", "0x100000101", "4294967553", "0x10000000000000101", "-1",
+      "-0xFFFFFFFFFFFFFEFF", "+5", " 5", "5 ", "", "0x", "x101", "one",
+      // The base: only the two refusal forms, whatever its low 16 bits are.
+      "0x101:", "0x101:0x9000", "0x101:0x18000", "0x101:0x100008000", "0x101:-0x8000", "0x101:0x4000",
+      // The byte, and too many parts.
+      "0x101::7", "0x101:0x8000:", "0x101:0x8000:0x100", "0x101:0x8000:0x105", "0x101:0x8000:-1",
+      "0x101:0x8000:7:1", ":"};
+  for (const char* text : mistakes) {
+    uint16_t code = 7;
+    Refusal refusal{0xC000, 9};
+    std::string error;
+    EXPECT_FALSE(ParseRefusal(text, &code, &refusal, &error)) << text;
+    EXPECT_NE(error.find(std::string("'") + text + "':"), std::string::npos) << error;
+    // Nothing of a refused text is taken.
+    EXPECT_EQ(code, 7) << text;
+    EXPECT_EQ(refusal.base, 0xC000) << text;
+    EXPECT_EQ(refusal.data, 9) << text;
+  }
+}
+
 // --- on the wire ------------------------------------------------------------------------
 
 TEST(SimFaultsOnTheWire, DelayHoldsTheAnswerAndLaterAnswersQueueBehindIt) {

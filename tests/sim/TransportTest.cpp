@@ -94,7 +94,8 @@ TEST(SimTcp, DamagedAndStalledRequestsAreDroppedAndTheLinkRecovers) {
   std::lock_guard lock(linesMutex);
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_NE(lines[0].find("dropped, wrong check value: AA 01 01 00 00 83 D1"), std::string::npos) << lines[0];
-  EXPECT_NE(lines[1].find("tcp    0x0101 [0] -> AA 01 41 02 00 02 01 44 AA"), std::string::npos) << lines[1];
+  EXPECT_NE(lines[1].find("tcp    0x0101 GatewayVersion [0] -> AA 01 41 02 00 02 01 44 AA"), std::string::npos)
+      << lines[1];
 }
 
 TEST(SimTcp, RequestLogRecordsWhatWasServed) {

@@ -76,7 +76,9 @@ void Run(Driver& d, const Link& link, Printer& p) {
   {
     char text[16];
     std::memset(text, '#', sizeof text);
-    int32_t size = 0;
+    // The count on entry is the capacity for the C interface; the automation interface does
+    // not read it.
+    int32_t size = int32_t(sizeof text);
     err = 77;  // kaVGetVersion leaves it alone
     s = d.kaVGetVersion(text, &size, &err);
     p.Line("kaVGetVersion", s, st, err, Text(text, 12) + " size=" + std::to_string(size), true);
@@ -89,12 +91,12 @@ void Run(Driver& d, const Link& link, Printer& p) {
   }
   {
     char text[256] = {};
-    int32_t size = 0;
+    int32_t size = int32_t(sizeof text);
     err = -1;
     s = d.kaVGetGatewayVersionString(text, &size, &err);
     p.Line("kaVGetGatewayVersionString", s, st, err, Text(text, size));
     std::memset(text, 0, sizeof text);
-    size = 0;
+    size = int32_t(sizeof text);
     err = -1;
     s = d.kaVGetGatewayIdSring(text, &size, &err);
     p.Line("kaVGetGatewayIdSring", s, st, err, Text(text, size));

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
 #include <sstream>
 
 namespace tamrik::progdocs {
@@ -117,15 +118,27 @@ bool ShellWord(const std::string& word) {
   });
 }
 
+// A placeholder that stands for a file name: FILE, PATH, DIR, DEVICE, or a file's own name
+// written in capitals (KAVDMO.INI).
+bool NamesFile(const std::string& word) {
+  if (word == "FILE" || word == "PATH" || word == "DIR" || word == "DEVICE") return true;
+  return word.find('.') != std::string::npos &&
+         std::none_of(word.begin(), word.end(), [](char c) { return std::islower(static_cast<unsigned char>(c)) != 0; });
+}
+
+// The parts of a type name are split by ':' (CLI11 appends its checks so); a part in brackets
+// ("[a|b]", an optional value) or braces ("{a,b}") lists the words the value may be.
 ValueWords WordsOf(const std::string& label) {
   ValueWords result;
   for (const std::string& part : Split(label, ':')) {
-    if (part == "FILE" || part == "PATH" || part == "DIR") result.files = true;
     const bool bracket = part.size() > 2 && part.front() == '[' && part.back() == ']';
     const bool brace = part.size() > 2 && part.front() == '{' && part.back() == '}';
-    if (!bracket && !brace) continue;
-    for (const std::string& word : Split(part.substr(1, part.size() - 2), bracket ? '|' : ',')) {
-      if (ShellWord(word)) result.words.push_back(word);
+    const std::vector<std::string> words =
+        Split(bracket || brace ? part.substr(1, part.size() - 2) : part, brace ? ',' : '|');
+    if (std::any_of(words.begin(), words.end(), NamesFile)) {
+      result.files = true;
+    } else if (bracket || brace) {
+      std::copy_if(words.begin(), words.end(), std::back_inserter(result.words), ShellWord);
     }
   }
   return result;
@@ -263,15 +276,135 @@ std::vector<const CLI::Option*> OptionsAt(const Command& command) {
 
 // A case pattern matching "$node:NAME" for each name.
 std::string Patterns(const std::string& key, const std::vector<std::string>& names) {
-  std::vector<std::string> patterns;
-  for (const std::string& name : names) patterns.push_back("\"" + key + ":" + name + "\"");
-  return Join(patterns, " | ");
+  std::string patterns;
+  for (const std::string& name : names) {
+    if (!patterns.empty()) patterns += " | ";
+    patterns.append("\"").append(key).append(":").append(name).append("\"");
+  }
+  return patterns;
 }
 
 std::string FunctionName(const std::string& program) {
   std::string name = "_";
   for (char c : program) name += std::isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
   return name + "_complete";
+}
+
+// The script up to the walk over the words: the word at the cursor and the one before it.
+constexpr char kScriptHead[] =
+    "  local cur=${COMP_WORDS[COMP_CWORD]} prev=\"\" node=\"\" word i skip=0\n"
+    "  ((COMP_CWORD > 0)) && prev=${COMP_WORDS[COMP_CWORD - 1]}\n"
+    "  # --name=value arrives as three words: the name, '=' and the value.\n"
+    "  if [[ $cur == \"=\" ]]; then\n"
+    "    cur=\"\"\n"
+    "  elif [[ $prev == \"=\" ]] && ((COMP_CWORD > 1)); then\n"
+    "    prev=${COMP_WORDS[COMP_CWORD - 2]}\n"
+    "  fi\n"
+    "  # The command the words so far lead to; an option's value is no command.\n"
+    "  for ((i = 1; i < COMP_CWORD; i++)); do\n"
+    "    word=${COMP_WORDS[i]}\n"
+    "    if ((skip)); then\n"
+    "      skip=0\n"
+    "      continue\n"
+    "    fi\n"
+    "    case \"$node:$word\" in\n";
+
+// What is offered at the cursor, once the command and the option before the cursor are known:
+// options after a dash, else the command's commands, the words its arguments may be, files.
+constexpr char kScriptTail[] =
+    "  esac\n"
+    "  if [[ $cur == -* ]] || [[ -z $commands && -z $words && $files == 0 ]]; then\n"
+    "    mapfile -t COMPREPLY < <(compgen -W \"$options\" -- \"$cur\")\n"
+    "  else\n"
+    "    mapfile -t COMPREPLY < <(compgen -W \"$commands $words\" -- \"$cur\")\n"
+    "    if ((files)); then\n"
+    "      compopt -o filenames 2>/dev/null\n"
+    "      mapfile -t -O \"${#COMPREPLY[@]}\" COMPREPLY < <(compgen -f -- \"$cur\")\n"
+    "    fi\n"
+    "  fi\n"
+    "  return 0\n"
+    "}\n";
+
+// The walk's cases: a command word moves to that command, an option that takes a value skips
+// the next word.
+void WriteWalk(std::ostream& out, const std::vector<Command>& commands) {
+  for (const Command& command : commands) {
+    for (const std::string& sub : command.commands) {
+      if (!ShellWord(sub)) continue;
+      std::vector<std::string> path = command.path;
+      path.push_back(sub);
+      out << "      " << Patterns(Key(command), {sub}) << ") node=\"" << Join(path, "/") << "\" ;;\n";
+    }
+    std::vector<std::string> taking;
+    for (const CLI::Option* option : OptionsAt(command)) {
+      if (ValueOf(option).required) {
+        for (const std::string& name : NamesOf(option)) taking.push_back(name);
+      }
+    }
+    if (!taking.empty()) out << "      " << Patterns(Key(command), taking) << ") skip=1 ;;\n";
+  }
+}
+
+// The cases for the value of the option before the cursor: its words, file names, or nothing
+// (numbers, codes and the like are the user's own).
+void WriteValues(std::ostream& out, const std::vector<Command>& commands) {
+  std::vector<std::string> fileValues, ownValues;
+  for (const Command& command : commands) {
+    for (const CLI::Option* option : OptionsAt(command)) {
+      const Value value = ValueOf(option);
+      if (!value.takes) continue;
+      const ValueWords words = WordsOf(value.label);
+      const std::string patterns = Patterns(Key(command), NamesOf(option));
+      if (words.files) {
+        fileValues.push_back(patterns);
+      } else if (!words.words.empty()) {
+        // An optional value leaves the next word to the options when it looks like one.
+        out << "    " << patterns << ")\n"
+            << "      if [[ " << (value.required ? "1" : "$cur != -*") << " ]]; then\n"
+            << "        mapfile -t COMPREPLY < <(compgen -W \"" << Join(words.words, " ") << "\" -- \"$cur\")\n"
+            << "        return 0\n"
+            << "      fi ;;\n";
+      } else if (value.required) {
+        ownValues.push_back(patterns);
+      }
+    }
+  }
+  if (!fileValues.empty()) {
+    out << "    " << Join(fileValues, " | ") << ")\n"
+        << "      compopt -o filenames 2>/dev/null\n"
+        << "      mapfile -t COMPREPLY < <(compgen -f -- \"$cur\")\n"
+        << "      return 0 ;;\n";
+  }
+  if (!ownValues.empty()) {
+    out << "    " << Join(ownValues, " | ") << ")\n"
+        << "      COMPREPLY=()\n"
+        << "      return 0 ;;\n";
+  }
+}
+
+// Each command's options, commands, the words its positionals may be, and whether they take
+// file names.
+void WriteNodes(std::ostream& out, const std::vector<Command>& commands) {
+  for (const Command& command : commands) {
+    std::vector<std::string> options, subs, words;
+    bool files = false;
+    for (const CLI::Option* option : OptionsAt(command)) {
+      for (const std::string& name : NamesOf(option)) options.push_back(name);
+    }
+    for (const std::string& sub : command.commands) {
+      if (ShellWord(sub)) subs.push_back(sub);
+    }
+    for (const CLI::Option* positional : command.positionals) {
+      const ValueWords value = WordsOf(ValueOf(positional).label);
+      words.insert(words.end(), value.words.begin(), value.words.end());
+      files = files || value.files;
+    }
+    out << "    \"" << Key(command) << "\")\n"
+        << "      options=\"" << Join(options, " ") << "\"\n"
+        << "      commands=\"" << Join(subs, " ") << "\"\n"
+        << "      words=\"" << Join(words, " ") << "\"\n"
+        << "      files=" << (files ? 1 : 0) << " ;;\n";
+  }
 }
 
 }  // namespace
@@ -310,7 +443,10 @@ std::string RoffManPage(const CLI::App& app, const ManPage& page) {
       out << ".SS " << Quoted(Join(command.path, " ")) << "\n";
       WriteText(out, command.app->get_description());
       for (const CLI::Option* positional : command.positionals) WritePositional(out, positional);
-      for (const CLI::Option* option : command.options) WriteOption(out, option);
+      // Every command has --help; OPTIONS says so once.
+      for (const CLI::Option* option : command.options) {
+        if (option != command.app->get_help_ptr()) WriteOption(out, option);
+      }
     }
   }
   for (const ManSection& section : page.sections) {
@@ -326,106 +462,18 @@ std::string BashCompletion(const CLI::App& app, const std::string& program) {
   std::ostringstream out;
   out << "# bash completion for " << program << ", made from its option table when it was built.\n"
       << function << "() {\n"
-      << "  local cur=${COMP_WORDS[COMP_CWORD]} prev=\"\" node=\"\" word i skip=0\n"
-      << "  ((COMP_CWORD > 0)) && prev=${COMP_WORDS[COMP_CWORD - 1]}\n"
-      << "  # --name=value arrives as three words: the name, '=' and the value.\n"
-      << "  if [[ $cur == \"=\" ]]; then\n"
-      << "    cur=\"\"\n"
-      << "  elif [[ $prev == \"=\" ]] && ((COMP_CWORD > 1)); then\n"
-      << "    prev=${COMP_WORDS[COMP_CWORD - 2]}\n"
-      << "  fi\n"
-      << "  # The command the words so far lead to; an option's value is no command.\n"
-      << "  for ((i = 1; i < COMP_CWORD; i++)); do\n"
-      << "    word=${COMP_WORDS[i]}\n"
-      << "    if ((skip)); then\n"
-      << "      skip=0\n"
-      << "      continue\n"
-      << "    fi\n"
-      << "    case \"$node:$word\" in\n";
-  for (const Command& command : commands) {
-    for (const std::string& sub : command.commands) {
-      if (!ShellWord(sub)) continue;
-      std::vector<std::string> path = command.path;
-      path.push_back(sub);
-      out << "      " << Patterns(Key(command), {sub}) << ") node=\"" << Join(path, "/") << "\" ;;\n";
-    }
-    std::vector<std::string> taking;
-    for (const CLI::Option* option : OptionsAt(command)) {
-      if (ValueOf(option).required) {
-        for (const std::string& name : NamesOf(option)) taking.push_back(name);
-      }
-    }
-    if (!taking.empty()) out << "      " << Patterns(Key(command), taking) << ") skip=1 ;;\n";
-  }
+      << kScriptHead;
+  WriteWalk(out, commands);
   out << "    esac\n"
       << "  done\n"
       << "  # The value of the option before the cursor.\n"
       << "  case \"$node:$prev\" in\n";
-  std::vector<std::string> fileValues, ownValues;
-  for (const Command& command : commands) {
-    for (const CLI::Option* option : OptionsAt(command)) {
-      const Value value = ValueOf(option);
-      if (!value.takes) continue;
-      const ValueWords words = WordsOf(value.label);
-      const std::string patterns = Patterns(Key(command), NamesOf(option));
-      if (words.files) {
-        fileValues.push_back(patterns);
-      } else if (!words.words.empty()) {
-        // An optional value leaves the next word to the options when it looks like one.
-        out << "    " << patterns << ")\n"
-            << "      if [[ " << (value.required ? "1" : "$cur != -*") << " ]]; then\n"
-            << "        mapfile -t COMPREPLY < <(compgen -W \"" << Join(words.words, " ") << "\" -- \"$cur\")\n"
-            << "        return 0\n"
-            << "      fi ;;\n";
-      } else if (value.required) {
-        ownValues.push_back(patterns);
-      }
-    }
-  }
-  if (!fileValues.empty()) {
-    out << "    " << Join(fileValues, " | ") << ")\n"
-        << "      compopt -o filenames 2>/dev/null\n"
-        << "      mapfile -t COMPREPLY < <(compgen -f -- \"$cur\")\n"
-        << "      return 0 ;;\n";
-  }
-  // Numbers, codes and the like: the user's own, nothing to offer.
-  if (!ownValues.empty()) {
-    out << "    " << Join(ownValues, " | ") << ")\n"
-        << "      COMPREPLY=()\n"
-        << "      return 0 ;;\n";
-  }
+  WriteValues(out, commands);
   out << "  esac\n"
-      << "  local options=\"\" commands=\"\" files=0\n"
+      << "  local options=\"\" commands=\"\" words=\"\" files=0\n"
       << "  case \"$node\" in\n";
-  for (const Command& command : commands) {
-    std::vector<std::string> options;
-    for (const CLI::Option* option : OptionsAt(command)) {
-      for (const std::string& name : NamesOf(option)) options.push_back(name);
-    }
-    std::vector<std::string> subs;
-    for (const std::string& sub : command.commands) {
-      if (ShellWord(sub)) subs.push_back(sub);
-    }
-    const bool files = std::any_of(command.positionals.begin(), command.positionals.end(),
-                                   [](const CLI::Option* p) { return WordsOf(ValueOf(p).label).files; });
-    out << "    \"" << Key(command) << "\")\n"
-        << "      options=\"" << Join(options, " ") << "\"\n"
-        << "      commands=\"" << Join(subs, " ") << "\"\n"
-        << "      files=" << (files ? 1 : 0) << " ;;\n";
-  }
-  out << "  esac\n"
-      << "  if [[ $cur == -* ]] || [[ -z $commands && $files == 0 ]]; then\n"
-      << "    mapfile -t COMPREPLY < <(compgen -W \"$options\" -- \"$cur\")\n"
-      << "  else\n"
-      << "    mapfile -t COMPREPLY < <(compgen -W \"$commands\" -- \"$cur\")\n"
-      << "    if ((files)); then\n"
-      << "      compopt -o filenames 2>/dev/null\n"
-      << "      mapfile -t -O \"${#COMPREPLY[@]}\" COMPREPLY < <(compgen -f -- \"$cur\")\n"
-      << "    fi\n"
-      << "  fi\n"
-      << "  return 0\n"
-      << "}\n"
-      << "complete -F " << function << " " << program << "\n";
+  WriteNodes(out, commands);
+  out << kScriptTail << "complete -F " << function << " " << program << "\n";
   return out.str();
 }
 

@@ -36,8 +36,9 @@ struct ManPage {
 std::string RoffManPage(const CLI::App& app, const ManPage& page);
 
 // A bash completion script for program: the options and commands that fit where the cursor
-// is, the words of a value whose type reads "[a|b]" or "{a,b}", file names for a value of
-// type FILE, PATH or DIR (and for the existing-file checks, which name themselves so).
+// is, the words of a value or a positional argument whose type reads "[a|b]" or "{a,b}", file
+// names for a value of type FILE, PATH, DIR or DEVICE or a file's name in capitals (and for the
+// existing-file checks, which name themselves so).
 std::string BashCompletion(const CLI::App& app, const std::string& program);
 
 }  // namespace tamrik::progdocs
