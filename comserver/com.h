@@ -144,6 +144,15 @@ class Ccom {
                 int32_t* count, size_t capacity, int32_t* error, RequestFailure onRequestFailure,
                 uint32_t* methodReturn, AnswerOverflow overflow = AnswerOverflow::Truncate);
 
+  // A method that sends the caller's array and receives its answer into it: the count on
+  // entry is both the request's length and the room.
+  uint32_t ArrayExchange(const char* name, uint32_t serviceCode, int32_t* plData, int32_t* plSizeOfData,
+                         int32_t* error);
+
+  // An image announcement (length, and the start address when there is one) whose answer
+  // carries nothing the driver uses.
+  uint32_t AnnounceImage(const char* name, const int32_t* announcement, int32_t count, int32_t* error);
+
   // Text answers (one character per data byte, at most 200) copied without a terminating
   // zero; with a demoKey, demonstration mode reads that key of section "Station".
   uint32_t StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
@@ -186,6 +195,11 @@ class Ccom {
   // Module identifiers of the demonstration station into plData; false when the file is
   // incomplete, after *plError and (for a bad identifier) the count have been set.
   bool DemoModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) const;
+  // The same as the demonstration step of the two module-list methods.
+  std::optional<uint32_t> DemoModuleStep(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) const {
+    if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
+    return std::nullopt;
+  }
   // What a method returns when its demonstration step failed: 0, or 0x10050 when the data
   // did not fit the caller's array, as a live answer that does not fit.
   static uint32_t DemoFailureReturn(const int32_t* plError) {

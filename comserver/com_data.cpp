@@ -260,10 +260,7 @@ uint32_t Ccom::kaVGetModuleList(int32_t* plData, int32_t* plSizeOfData, int32_t*
                       .count = plSizeOfData,
                       .capacity = kCallerCapacity,
                       .error = plError,
-                      .demo = [&]() -> std::optional<uint32_t> {
-                        if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
-                        return std::nullopt;
-                      },
+                      .demo = [&] { return DemoModuleStep(plData, plSizeOfData, plError); },
                       .afterAnswer = [&]() -> std::optional<uint32_t> {
                         // Each four-byte group starts with a byte of its own; the other three are the identifier.
                         const int32_t count = std::max(*plSizeOfData, 0);

@@ -143,14 +143,7 @@ uint32_t Ccom::kaVInitImageDownload(const char* psFileName, int32_t* plStartAddr
     PutBytes(uint32_t(*plStartAddress), announcement + 4);
     count = 8;
   }
-  int32_t scratch[kScratchValues] = {};
-  return RunExchange({.name = "kaVInitImageDownload",
-                      .service = kServiceImageAnnounce,
-                      .request = announcement,
-                      .requestCount = &count,
-                      .values = scratch,
-                      .capacity = kScratchValues,
-                      .error = plError});
+  return AnnounceImage("kaVInitImageDownload", announcement, count, plError);
 }
 
 uint32_t Ccom::kaVDownloadImageBlock(int32_t* plBlock, int32_t* plError) {
@@ -205,15 +198,18 @@ uint32_t Ccom::kaVCancelImageDownload(int32_t* plError) {
   }
   // An announcement of length 0.
   const int32_t announcement[4] = {};
-  const int32_t count = 4;
+  return AnnounceImage("kaVCancelImageDownload", announcement, 4, plError);
+}
+
+uint32_t Ccom::AnnounceImage(const char* name, const int32_t* announcement, int32_t count, int32_t* error) {
   int32_t scratch[kScratchValues] = {};
-  return RunExchange({.name = "kaVCancelImageDownload",
+  return RunExchange({.name = name,
                       .service = kServiceImageAnnounce,
                       .request = announcement,
                       .requestCount = &count,
                       .values = scratch,
                       .capacity = kScratchValues,
-                      .error = plError});
+                      .error = error});
 }
 
 }  // namespace tamrik

@@ -117,6 +117,19 @@ uint32_t Ccom::RunExchange(const ExchangeMethod& m) {
   return 0;
 }
 
+uint32_t Ccom::ArrayExchange(const char* name, uint32_t serviceCode, int32_t* plData, int32_t* plSizeOfData,
+                             int32_t* error) {
+  return RunExchange({.name = name,
+                      .service = serviceCode,
+                      .request = plData,
+                      .requestCount = plSizeOfData,
+                      .values = plData,
+                      .count = plSizeOfData,
+                      .capacity = kCallerCapacity,
+                      .error = error,
+                      .onRequestFailure = RequestFailure::ReturnCode});
+}
+
 uint32_t Ccom::StringMethod(const char* name, uint32_t serviceCode, const char* demoKey, char* text, int32_t* size,
                             int32_t* error) {
   size_t room = 0;

@@ -254,10 +254,7 @@ uint32_t Ccom::kaVGetModulIdStatusList(int32_t* plData, int32_t* plSizeOfData, i
                       .count = plSizeOfData,
                       .capacity = kCallerCapacity,
                       .error = plError,
-                      .demo = [&]() -> std::optional<uint32_t> {
-                        if (!DemoModuleList(plData, plSizeOfData, plError)) return DemoFailureReturn(plError);
-                        return std::nullopt;
-                      }});
+                      .demo = [&] { return DemoModuleStep(plData, plSizeOfData, plError); }});
 }
 
 uint32_t Ccom::kaVGetModuleSWRev(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {

@@ -69,27 +69,11 @@ uint32_t Ccom::kaVSrvMbStopMonitoring(int32_t* plError) {
 }
 
 uint32_t Ccom::kaVSrvGetFirstDataFrame(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchange({.name = "kaVSrvGetFirstDataFrame",
-                      .service = kServiceFirstDataFrame,
-                      .request = plData,
-                      .requestCount = plSizeOfData,
-                      .values = plData,
-                      .count = plSizeOfData,
-                      .capacity = kCallerCapacity,
-                      .error = plError,
-                      .onRequestFailure = RequestFailure::ReturnCode});
+  return ArrayExchange("kaVSrvGetFirstDataFrame", kServiceFirstDataFrame, plData, plSizeOfData, plError);
 }
 
 uint32_t Ccom::kaVSrvGetNextDataFrame(int32_t* plData, int32_t* plSizeOfData, int32_t* plError) {
-  return RunExchange({.name = "kaVSrvGetNextDataFrame",
-                      .service = kServiceNextDataFrame,
-                      .request = plData,
-                      .requestCount = plSizeOfData,
-                      .values = plData,
-                      .count = plSizeOfData,
-                      .capacity = kCallerCapacity,
-                      .error = plError,
-                      .onRequestFailure = RequestFailure::ReturnCode});
+  return ArrayExchange("kaVSrvGetNextDataFrame", kServiceNextDataFrame, plData, plSizeOfData, plError);
 }
 
 // --- DeviceNet -------------------------------------------------------------------------------
@@ -107,27 +91,11 @@ uint32_t Ccom::kaVSrvDNetGetEEPToolIdent(char* psIdentName, int32_t* plSizeOfDat
 }
 
 uint32_t Ccom::kaVSrvDNetGetClassInstAttr(int32_t* plData, int32_t* plSizeOfData, int32_t* Error) {
-  return RunExchange({.name = "kaVSrvDNetGetClassInstAttr",
-                      .service = kServiceDNetGetAttribute,
-                      .request = plData,
-                      .requestCount = plSizeOfData,
-                      .values = plData,
-                      .count = plSizeOfData,
-                      .capacity = kCallerCapacity,
-                      .error = Error,
-                      .onRequestFailure = RequestFailure::ReturnCode});
+  return ArrayExchange("kaVSrvDNetGetClassInstAttr", kServiceDNetGetAttribute, plData, plSizeOfData, Error);
 }
 
 uint32_t Ccom::kaVSrvDNetSetClassInstAttr(int32_t* plData, int32_t* plSizeOfData, int32_t* Error) {
-  return RunExchange({.name = "kaVSrvDNetSetClassInstAttr",
-                      .service = kServiceDNetSetAttribute,
-                      .request = plData,
-                      .requestCount = plSizeOfData,
-                      .values = plData,
-                      .count = plSizeOfData,
-                      .capacity = kCallerCapacity,
-                      .error = Error,
-                      .onRequestFailure = RequestFailure::ReturnCode});
+  return ArrayExchange("kaVSrvDNetSetClassInstAttr", kServiceDNetSetAttribute, plData, plSizeOfData, Error);
 }
 
 // --- the driver's memory area ------------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/Loopback.h"
 #include "Simulator.h"
 #include "cli/ProcessSupport.h"
 #include "cli/ToolSupport.h"
@@ -40,19 +41,6 @@ struct Gateway {
 std::vector<std::string> Join(std::vector<std::string> a, const std::vector<std::string>& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
-}
-
-// A loopback port that nobody listens on.
-uint16_t ClosedPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  close(fd);
-  return ntohs(address.sin_port);
 }
 
 TEST(Safety, EveryChangeNeedsYesOnARealLinkAndSendsNothingWithout) {
@@ -198,7 +186,7 @@ TEST(Safety, InfoShowsWhatItReadAndMarksEachFailedPart) {
 }
 
 TEST(Safety, FailuresOfTheLinkSayWhatHappened) {
-  const uint16_t port = ClosedPort();
+  const uint16_t port = test::ClosedLoopbackPort();
   const std::string peer = "127.0.0.1:" + std::to_string(port);
   const RunResult run = Tool({"--tcp", peer, "inputs"});
   EXPECT_EQ(run.status, 1);
@@ -309,7 +297,7 @@ TEST(Safety, NoTemporaryFileIsLeftOnAnyPath) {
   const std::vector<std::vector<std::string>> runs = {
       {"demo"}, {"--demo", dir.File("kaVdmo.ini"), "outputs", "05"}, {"--demo", dir.File("kaVdmo.ini"), "demo"},
       {"firmware", dir.File("fw.hex")}, {"boot", "--ini", dir.File("kaVBoot.ini")}, {"--sim-refuse", "0x120", "demo"},
-      {"--tcp", "127.0.0.1:" + std::to_string(ClosedPort()), "info"}, {"outputs", "zz"}};
+      {"--tcp", "127.0.0.1:" + std::to_string(test::ClosedLoopbackPort()), "info"}, {"outputs", "zz"}};
   for (const auto& args : runs) {
     const RunResult run = Tool(args);
     EXPECT_NE(run.status, -1) << test::Describe(args, run);

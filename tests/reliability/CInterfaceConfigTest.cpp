@@ -1,15 +1,11 @@
 // Driver objects configured without files, where their profile files go otherwise, the
 // socket answer bound as a setting, connections that are refused, and the counters.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
 
+#include "common/Loopback.h"
 #include "ReliabilitySupport.h"
 #include "SimFrame.h"
 #include "Simulator.h"
@@ -22,19 +18,6 @@ tamrik_config Defaults() {
   tamrik_config config;
   tamrik_config_defaults(&config);
   return config;
-}
-
-// A loopback TCP port that nobody listens on (the system just handed it out and took it back).
-uint16_t ClosedPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-  close(fd);
-  return ntohs(address.sin_port);
 }
 
 TEST(CInterfaceConfig, ObjectsMadeFromAStructureTakeEverySettingAndWriteNoFile) {
@@ -179,7 +162,7 @@ TEST(CInterfaceConfig, ARefusedConnectionIsReportedByTheOpen) {
   tamrik_com* com = tamrik_create_with(&config);
   ASSERT_NE(com, nullptr);
   int32_t error = -1;
-  EXPECT_EQ(tamrik_kaVOpenEthernet(com, std::to_string(ClosedPort()).c_str(), "127.0.0.1", &error), 4010061u);
+  EXPECT_EQ(tamrik_kaVOpenEthernet(com, std::to_string(test::ClosedLoopbackPort()).c_str(), "127.0.0.1", &error), 4010061u);
   EXPECT_EQ(error, 4000000 + 10061);
   EXPECT_STREQ(tamrik_result_name(uint32_t(error)), "ConnectFailed");
   int32_t closeError = -1;
