@@ -3,7 +3,7 @@
 // one run and one table. Every far end is a process of its own on this machine; all
 // traffic stays on loopback and pseudo-terminals.
 //
-//   tamrik-bench [--quick] [--spread] [--server PATH] [--sim PATH]
+//   tamrik-bench [--quick] [--spread] [--server PATH] [--sim PATH] [--python PATH]
 #include <arpa/inet.h>
 #include <sched.h>
 #include <fcntl.h>
@@ -105,7 +105,7 @@ class Target {
 
   // Up to n exchanges, recorded, ending early at the deadline. Throws after repeated
   // failures: a measurement of failing exchanges measures nothing.
-  void Run(size_t n, int64_t deadlineNs) {
+  virtual void Run(size_t n, int64_t deadlineNs) {
     samples_.Reserve(n);
     for (size_t i = 0; i < n; ++i) {
       const int64_t t0 = NowNs();
@@ -113,22 +113,28 @@ class Target {
       const int64_t t1 = NowNs();
       if (ok) {
         samples_.Add(t1 - t0);
-      } else if (++failures_ > 10) {
-        throw std::runtime_error(name_ + ": exchanges fail: " + LastError());
+      } else {
+        Failed();
       }
       if (t1 >= deadlineNs) break;
     }
   }
 
   // Exchanges that are not recorded (warming up, counting allocations).
-  void Unrecorded(size_t n) {
+  virtual void Unrecorded(size_t n) {
     for (size_t i = 0; i < n; ++i) {
-      if (!Exchange() && ++failures_ > 10) throw std::runtime_error(name_ + ": exchanges fail: " + LastError());
+      if (!Exchange()) Failed();
     }
   }
 
   Stats Summary() const { return samples_.Summary(); }
   uint64_t failures() const { return failures_; }
+
+ protected:
+  void Record(int64_t ns) { samples_.Add(ns); }
+  void Failed() {
+    if (++failures_ > 10) throw std::runtime_error(name_ + ": exchanges fail: " + LastError());
+  }
 
  private:
   std::string name_;
@@ -279,6 +285,51 @@ class ModbusClient : public Target {
   uint16_t registers_[4] = {};
 };
 
+// --- Python ----------------------------------------------------------------------------------
+
+// Calls made in a child process (bench/python_client.py under /usr/bin/python3), which
+// times each one itself: the interpreter's own cost is the point of these rows, and a turn
+// of calls at a time keeps the talk between the two processes out of every call's time.
+class RemoteClient : public Target {
+ public:
+  RemoteClient(std::string name, std::unique_ptr<tb::Conversation> talk)
+      : Target(std::move(name)), talk_(std::move(talk)) {}
+
+  bool Exchange() override { return Turn(1, 2000000000LL, false); }
+  void Run(size_t n, int64_t deadlineNs) override {
+    if (!Turn(n, std::max<int64_t>(deadlineNs - NowNs(), 0), true)) Failed();
+  }
+  void Unrecorded(size_t n) override {
+    if (!Turn(n, 10000000000LL, false)) Failed();
+  }
+  std::string LastError() const override { return lastError_; }
+
+ private:
+  // Up to n calls within budgetNs; false when a call failed. A child that falls silent
+  // ends the run: there is nothing left to measure.
+  bool Turn(size_t n, int64_t budgetNs, bool record) {
+    std::string answer;
+    if (!talk_->Send("run " + std::to_string(n) + " " + std::to_string(budgetNs)) ||
+        !talk_->Receive(&answer, int(budgetNs / 1000000) + 5000)) {
+      throw std::runtime_error(name() + ": the Python client does not answer");
+    }
+    std::istringstream in(answer);
+    std::string word;
+    in >> word;
+    if (word != "ok") {
+      lastError_ = answer;
+      return false;
+    }
+    for (long long ns = 0; in >> ns;) {
+      if (record) Record(ns);
+    }
+    return true;
+  }
+
+  std::unique_ptr<tb::Conversation> talk_;
+  std::string lastError_;
+};
+
 // --- set-up ----------------------------------------------------------------------------------
 
 struct Options {
@@ -288,6 +339,7 @@ struct Options {
   size_t count = 20000;
   std::string server = TAMRIK_BENCH_SERVER;
   std::string sim = TAMRIK_BENCH_SIM;
+  std::string python = "/usr/bin/python3";
 };
 
 class TempDir {
@@ -342,8 +394,8 @@ class Servers {
   ~Servers() {
     for (auto& c : children_) tb::StopChild(c);
   }
-  tb::Child& Start(const std::vector<std::string>& argv) {
-    children_.push_back(tb::StartChild(argv));
+  tb::Child& Start(const std::vector<std::string>& argv, std::unique_ptr<tb::Conversation>* talk = nullptr) {
+    children_.push_back(tb::StartChild(argv, 5000, talk));
     return children_.back();
   }
 
@@ -451,6 +503,7 @@ constexpr size_t kImageBlock = 256;
 struct Transport {
   std::string name;  // tcp, udp, pty
   tb::Child bareEnd, responderEnd, simEnd, simBareEnd, simBlockEnd, imageBareEnd, programEnd, modbusEnd, blockEnd;
+  tb::Child pythonSimEnd, pymodbusEnd;
   std::unique_ptr<Target> bare;
   std::unique_ptr<DriverClient> driver;         // against the simulator's engine
   std::unique_ptr<DriverClient> driverProgram;  // against the tamrik-sim program
@@ -460,6 +513,8 @@ struct Transport {
   std::unique_ptr<Target> blockBare;            // 263 bytes out, 7 back: one image block
   std::unique_ptr<Target> blockSim;             // the same against the simulator's engine
   std::unique_ptr<DriverClient> imageBare;      // a driver downloading to the bare server
+  std::unique_ptr<Target> python;               // Gateway.inputs() of the Python package
+  std::unique_ptr<Target> pymodbus;             // pymodbus against a libmodbus server
   double allocationsPerExchange = -1;
   std::vector<double> downloadSeconds;      // against the simulator's engine
   Samples downloadBlocks;
@@ -467,7 +522,9 @@ struct Transport {
   Samples bareDownloadBlocks;
   std::vector<Target*> Exchangers() {
     std::vector<Target*> all = {bare.get(), driver.get(), driverProgram.get(), driverBare.get(), bareSim.get()};
-    if (modbus) all.push_back(modbus.get());
+    for (Target* t : {modbus.get(), python.get(), pymodbus.get()}) {
+      if (t != nullptr) all.push_back(t);
+    }
     return all;
   }
 };
@@ -485,7 +542,12 @@ void StartEnds(const Options& opt, const TempDir& dir, Servers& servers, Transpo
   const std::string bound = "300";
   if (t == "pty") tr.programEnd = servers.Start({kTimeout, bound, opt.sim, "--pty", "--model", model});
   else tr.programEnd = servers.Start({kTimeout, bound, opt.sim, "--" + t, "0", "--model", model});
-  if (t == "tcp") tr.modbusEnd = servers.Start({opt.server, "modbus", "tcp"});
+  if (t == "tcp") {
+    tr.modbusEnd = servers.Start({opt.server, "modbus", "tcp"});
+    // The Python clients' own: each server has one client at a time.
+    tr.pythonSimEnd = servers.Start({opt.server, "sim", t, "--model", model});
+    tr.pymodbusEnd = servers.Start({opt.server, "modbus", "tcp"});
+  }
   if (t == "pty") tr.modbusEnd = servers.Start({opt.server, "modbus", "rtu"});
   if (t != "pty") {
     tr.blockEnd = servers.Start({opt.server, "bare", t, "--answer", "7"});
@@ -519,6 +581,20 @@ void ConnectClients(const tamrik::DriverConfig& config, Transport& tr) {
       std::make_unique<BareClient>(t + " bare block/sim", ConnectSocket(PortFrom(tr.simBlockEnd.line), udp), 263, 7, udp);
 }
 
+// The Python rows of TCP: the package's Gateway.inputs() against the simulator's engine,
+// pymodbus against libmodbus, each with a far end of its own.
+void StartPythonClients(const Options& opt, Servers& servers, Transport& tr) {
+  if (tr.name != "tcp") return;
+  std::unique_ptr<tb::Conversation> talk;
+  servers.Start({opt.python, TAMRIK_BENCH_PYTHON_CLIENT, "tamrik", std::to_string(PortFrom(tr.pythonSimEnd.line)),
+                 "--package", TAMRIK_BENCH_PYTHON_PACKAGE, "--library", TAMRIK_BENCH_LIBRARY},
+                &talk);
+  tr.python = std::make_unique<RemoteClient>("tcp python", std::move(talk));
+  servers.Start({opt.python, TAMRIK_BENCH_PYTHON_CLIENT, "pymodbus", std::to_string(PortFrom(tr.pymodbusEnd.line))},
+                &talk);
+  tr.pymodbus = std::make_unique<RemoteClient>("tcp pymodbus", std::move(talk));
+}
+
 // Rounds of every side in turn, so that a burst of load from elsewhere falls on all of
 // them alike and the ratios of one run stay fair.
 void MeasureExchanges(std::vector<Transport>& transports, size_t socketCount, size_t ptyCount, double seconds) {
@@ -535,7 +611,13 @@ void MeasureExchanges(std::vector<Transport>& transports, size_t socketCount, si
       const std::vector<Target*> all = tr.Exchangers();
       // Each side gets its share of the round's time; a slow side ends early, not late.
       const int64_t share = (roundEnd - NowNs()) / int64_t(all.size() * transports.size());
-      for (Target* t : all) t->Run(n, NowNs() + std::max<int64_t>(share, 50000000));
+      // And each side opens a round as often as the others: the first turn after another
+      // link's pays for waking this one (on a pseudo-terminal the kernel's worker that
+      // carries the bytes, which runs wherever it is put), and a side that always came first
+      // would carry all of it, 10 % of a pseudo-terminal's rate on a busy machine.
+      for (size_t i = 0; i < all.size(); ++i) {
+        all[(i + size_t(round)) % all.size()]->Run(n, NowNs() + std::max<int64_t>(share, 50000000));
+      }
     }
   }
 }
@@ -697,14 +779,16 @@ int main(int argc, char** argv) {
     else if (arg == "--spread") opt.spread = true;
     else if (arg == "--server" && i + 1 < argc) opt.server = argv[++i];
     else if (arg == "--sim" && i + 1 < argc) opt.sim = argv[++i];
+    else if (arg == "--python" && i + 1 < argc) opt.python = argv[++i];
     else if (arg == "--profile" && i + 1 < argc) opt.profile = argv[++i];
     else if (arg == "--count" && i + 1 < argc) opt.count = std::strtoul(argv[++i], nullptr, 10);
     else {
       std::fprintf(stderr,
-                   "usage: tamrik-bench [--quick] [--spread] [--server PATH] [--sim PATH]\n"
+                   "usage: tamrik-bench [--quick] [--spread] [--server PATH] [--sim PATH] [--python PATH]\n"
                    "       tamrik-bench --profile 'LINK SIDE' [--count N]   one side alone, for a profiler\n"
                    "         LINK: tcp udp pty; SIDE: bare, driver, driver/program, driver/bare, bare/sim,\n"
-                   "         libmodbus, bare block, bare block/sim, image, image/bare\n");
+                   "         libmodbus, bare block, bare block/sim, image, image/bare; tcp python,\n"
+                   "         tcp pymodbus\n");
       return 2;
     }
   }
@@ -745,6 +829,7 @@ int main(int argc, char** argv) {
                             {kComBare, PtyFrom(transports[2].responderEnd.line)},
                             {kComPaced, PtyFrom(paced.line)}});
     for (Transport& tr : transports) ConnectClients(config, tr);
+    for (Transport& tr : transports) StartPythonClients(opt, servers, tr);
     if (!opt.profile.empty()) return Profile(opt, transports, image);
 
     // --- 1 to 3: exchanges --------------------------------------------------------------
@@ -777,6 +862,22 @@ int main(int argc, char** argv) {
                     Ratios(driver, modbus).c_str());
         Judge(Format("%s: driver >= 1.2x libmodbus", t), Format("%.2f (all %.2f)", vs, driver.perSecond / modbus.perSecond),
               vs >= 1.2);
+      }
+      if (tr.python) {
+        const Stats python = tr.python->Summary();
+        const Stats pymodbus = tr.pymodbus->Summary();
+        PrintRow(t, "Python Gateway.inputs()", python, Ratios(python, bare));
+        PrintRow(t, "pymodbus, 4 registers", pymodbus, Ratios(pymodbus, bare));
+        std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %s\n", t, "Python over the driver", "", "", "", "", "",
+                    Ratios(python, driver).c_str());
+        std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %s\n", t, "Python over pymodbus", "", "", "", "", "",
+                    Ratios(python, pymodbus).c_str());
+        const double vsC = Ratio(python, driver);
+        Judge(Format("%s: Python inputs() >= 0.7x the C exchange", t),
+              Format("%.2f (all %.2f)", vsC, python.perSecond / driver.perSecond), vsC >= 0.7);
+        const double vsPymodbus = Ratio(python, pymodbus);
+        Judge(Format("%s: Python inputs() >= 3x pymodbus", t),
+              Format("%.2f (all %.2f)", vsPymodbus, python.perSecond / pymodbus.perSecond), vsPymodbus >= 3);
       }
     }
     std::printf("  90%% /s: exchanges per second over the fastest 90 %%, where load from elsewhere on the machine\n"
@@ -891,6 +992,8 @@ int main(int argc, char** argv) {
       tr.blockBare.reset();
       tr.blockSim.reset();
       tr.imageBare.reset();
+      tr.python.reset();
+      tr.pymodbus.reset();
     }
   } catch (const std::exception& e) {
     std::fflush(stdout);
