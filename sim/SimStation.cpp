@@ -367,9 +367,11 @@ std::optional<uint64_t> ParseNumber(std::string_view text) {
     base = 16;
     text.remove_prefix(2);
   }
+  if (text.empty()) return std::nullopt;
   uint64_t v = 0;
-  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v, base);
-  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  const char* last = text.data() + text.size();
+  const std::from_chars_result read = std::from_chars(text.data(), last, v, base);
+  if (read.ec != std::errc() || read.ptr != last) return std::nullopt;
   return v;
 }
 
