@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "ResultCodes.h"
 #include "platform/Platform.h"
@@ -114,19 +115,24 @@ void Ccom::Construct(const std::string& directory) {
   bool incomplete = false;
   for (int32_t value : read) incomplete = incomplete || value == kMissing;
   if (incomplete) {
-    static constexpr const char* kDefaults[][2] = {
-        {"Version", "0"},           {"ReadInterval", "200"}, {"ReadTotalMultiplier", "0"},
-        {"ReadTotalConstant", "500"}, {"ReadTotalConstantFW", "3000"}, {"Logfile", "0"},
-        {"ComPort", "1"},           {"Baudrate", "9600"}};
-    if (!szConfigFile.empty()) {
-      for (const auto& entry : kDefaults) platform::ProfileWriteString(kInit, entry[0], entry[1], szConfigFile);
-    }
-    ApplyTimings(200, 0, 500, 3000);
-    nDemo = 0;
+    // The defaults are those of a driver configured without a file, written in this order.
+    const DriverConfig d;
+    const std::pair<const char*, int32_t> defaults[] = {
+        {"Version", d.version},
+        {"ReadInterval", d.readInterval},
+        {"ReadTotalMultiplier", d.readTotalMultiplier},
+        {"ReadTotalConstant", d.readTotalConstant},
+        {"ReadTotalConstantFW", d.readTotalConstantFW},
+        {"Logfile", d.logfile},
+        {"ComPort", d.comPort},
+        {"Baudrate", d.baudrate}};
+    for (const auto& [key, value] : defaults) WriteConfigInt(key, value);
+    ApplyTimings(d.readInterval, d.readTotalMultiplier, d.readTotalConstant, d.readTotalConstantFW);
+    nDemo = d.version;
     // The methods prepare their trace texts from here on, but the port object keeps the
     // switch the file gave it, so the trace still appears only when the file asked for it.
     nLog = 1;
-    nBaudrate = 9600;
+    nBaudrate = d.baudrate;
   }
   if (nDemo == 1 && !directory.empty()) szDemoFile = directory + kDemoFileName;
   ReadPrivilegedBits(szConfigFile, abyPrivilegedBits);
