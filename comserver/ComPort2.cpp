@@ -35,14 +35,7 @@ void CComPort::TraceFromLink(void* port, const char* text) { static_cast<CComPor
 
 uint32_t CComPort::Open(int32_t nPort, int32_t nBaud, uint8_t nRtsControl) {
   if (nPort > 255) {
-    // The socket link exists from the start of its open, so that a failed open still leaves
-    // something for the close to end.
-    link_.reset();
-    auto socket = std::make_unique<SocketLink>(timings_, 2, 0);
-    socket->SetTrace(&CComPort::TraceFromLink, this);
-    SocketLink& opening = *socket;
-    link_ = std::move(socket);
-    return opening.OpenByPort(nPort);
+    return NewSocketLink(2, 0).OpenByPort(nPort);
   }
   if (!SerialLink::IsAllowedBaudrate(nBaud)) return rc::kComBadBaudrate;
   // A link that is open stays as it is: the connection methods close before they open.
@@ -57,12 +50,18 @@ uint32_t CComPort::Open(int32_t nPort, int32_t nBaud, uint8_t nRtsControl) {
 }
 
 uint32_t CComPort::OpenEthernet(const char* psAdditionalArg, const char* psRemoteIPAddress) {
+  return NewSocketLink(2, 2).OpenByAddress(psAdditionalArg, psRemoteIPAddress);
+}
+
+// The socket link exists from the start of its open, so that a failed open still leaves
+// something for the close to end.
+SocketLink& CComPort::NewSocketLink(uint8_t major, uint8_t minor) {
   link_.reset();
-  auto socket = std::make_unique<SocketLink>(timings_, 2, 2);
+  auto socket = std::make_unique<SocketLink>(timings_, major, minor);
   socket->SetTrace(&CComPort::TraceFromLink, this);
   SocketLink& opening = *socket;
   link_ = std::move(socket);
-  return opening.OpenByAddress(psAdditionalArg, psRemoteIPAddress);
+  return opening;
 }
 
 void CComPort::ChangeTimings(bool bFirmware) {

@@ -83,6 +83,7 @@ struct FileCloser {
 using LoadFile = std::unique_ptr<FILE, FileCloser>;
 
 class CComPortTestPeer;
+class SocketLink;
 
 class CComPort {
  public:
@@ -168,6 +169,8 @@ class CComPort {
   uint64_t receptionStartMs_ = 0;
   void DumpTransfer(const char* prefix, const uint8_t* buffer, int32_t length);
   static void TraceFromLink(void* port, const char* text);
+  // Replaces the link by a new socket link with the socket layer started at that version.
+  SocketLink& NewSocketLink(uint8_t major, uint8_t minor);
 
   PortTimings timings_;
   std::string configFile_;
