@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdarg>
@@ -769,10 +770,185 @@ int Profile(const Options& opt, std::vector<Transport>& transports, const std::s
   return 2;
 }
 
-}  // namespace
+// A row of ratios alone: one side over another.
+void PrintRatioRow(const char* link, const char* what, const std::string& ratios) {
+  std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %s\n", link, what, "", "", "", "", "", ratios.c_str());
+}
 
-int main(int argc, char** argv) {
-  Options opt;
+// The Python package's call beside the C exchange and pymodbus.
+void PrintPythonRows(Transport& tr) {
+  const char* t = tr.name.c_str();
+  const Stats bare = tr.bare->Summary();
+  const Stats driver = tr.driver->Summary();
+  const Stats python = tr.python->Summary();
+  const Stats pymodbus = tr.pymodbus->Summary();
+  PrintRow(t, "Python Gateway.inputs()", python, Ratios(python, bare));
+  PrintRow(t, "pymodbus, 4 registers", pymodbus, Ratios(pymodbus, bare));
+  PrintRatioRow(t, "Python over the driver", Ratios(python, driver));
+  PrintRatioRow(t, "Python over pymodbus", Ratios(python, pymodbus));
+  const double vsC = Ratio(python, driver);
+  Judge(Format("%s: Python inputs() >= 0.7x the C exchange", t),
+        Format("%.2f (all %.2f)", vsC, python.perSecond / driver.perSecond), vsC >= 0.7);
+  const double vsPymodbus = Ratio(python, pymodbus);
+  Judge(Format("%s: Python inputs() >= 3x pymodbus", t),
+        Format("%.2f (all %.2f)", vsPymodbus, python.perSecond / pymodbus.perSecond), vsPymodbus >= 3);
+}
+
+void PrintExchanges(std::vector<Transport>& transports) {
+  std::printf("\n1-3. Exchange of the input service: 7-byte request, 16-byte answer (9 data bytes)\n");
+  std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %5s %5s\n", "link", "what", "count", "per s", "90% /s",
+              "p50 us", "p99 us", "90%", "all");
+  for (Transport& tr : transports) {
+    const char* t = tr.name.c_str();
+    const Stats bare = tr.bare->Summary();
+    const Stats driver = tr.driver->Summary();
+    PrintRow(t, "bare round trip (the limit)", bare, Ratios(bare, bare));
+    PrintRow(t, "driver, simulator engine", driver, Ratios(driver, bare));
+    PrintRow(t, "driver, tamrik-sim program", tr.driverProgram->Summary(), Ratios(tr.driverProgram->Summary(), bare));
+    PrintRow(t, "driver, bare responder", tr.driverBare->Summary(), Ratios(tr.driverBare->Summary(), bare));
+    PrintRow(t, "bare client, simulator engine", tr.bareSim->Summary(), Ratios(tr.bareSim->Summary(), bare));
+    const double ratio = Ratio(driver, bare);
+    Judge(Format("%s: driver >= 0.90 of bare round trip", t),
+          Format("%.2f (all %.2f)", ratio, driver.perSecond / bare.perSecond), ratio >= 0.90);
+    if (tr.modbus) {
+      const Stats modbus = tr.modbus->Summary();
+      PrintRow(t, tr.name == "pty" ? "libmodbus RTU, 4 registers" : "libmodbus TCP, 4 registers", modbus,
+               Ratios(modbus, bare));
+      const double vs = Ratio(driver, modbus);
+      PrintRatioRow(t, "driver over libmodbus", Ratios(driver, modbus));
+      Judge(Format("%s: driver >= 1.2x libmodbus", t), Format("%.2f (all %.2f)", vs, driver.perSecond / modbus.perSecond),
+            vs >= 1.2);
+    }
+    if (tr.python) PrintPythonRows(tr);
+  }
+  std::printf("  90%% /s: exchanges per second over the fastest 90 %%, where load from elsewhere on the machine\n"
+              "  does not reach; ratios: this side's exchanges per second over the limit's, over the fastest\n"
+              "  90 %% and over all\n");
+
+}
+
+void PrintImages(std::vector<Transport>& transports) {
+  std::printf("\n4. Image download, %zu bytes in %zu-byte blocks (%zu blocks, announcement and end)\n",
+              kImageSize, kImageBlock, kImageSize / kImageBlock);
+  std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %5s %5s %8s\n", "link", "what", "count", "per s", "90% /s",
+              "p50 us", "p99 us", "90%", "all", "MiB/s");
+  for (Transport& tr : transports) {
+    if (!tr.blockBare) continue;
+    const char* t = tr.name.c_str();
+    const Stats bare = tr.blockBare->Summary();
+    const Stats blocks = tr.downloadBlocks.Summary();
+    const Stats bareBlocks = tr.bareDownloadBlocks.Summary();
+    const double count = double(kImageSize / kImageBlock);
+    const double mib = double(kImageSize) / (1024.0 * 1024.0);
+    // One round trip per block, and one each for the announcement and the end.
+    const double boundSeconds = count * bare.meanUs / 1e6 + 2 * tr.bare->Summary().meanUs / 1e6;
+    auto average = [](const std::vector<double>& v) {
+      double total = 0;
+      for (double x : v) total += x;
+      return total / double(v.size());
+    };
+    const double seconds = average(tr.downloadSeconds);
+    const double bareSeconds = average(tr.bareDownloadSeconds);
+    // The rate column of the downloads compares whole downloads with the bound.
+    PrintRow(t, "bare round trip (the limit)", bare, Ratios(bare, bare) + Format(" %8.2f", mib / boundSeconds));
+    PrintRow(t, "bare client, simulator engine", tr.blockSim->Summary(), Ratios(tr.blockSim->Summary(), bare));
+    PrintRow(t, "driver, simulator engine", blocks,
+             Format("%5.2f %5.2f %8.2f", Ratio(blocks, bare), boundSeconds / seconds, mib / seconds));
+    PrintRow(t, "driver, bare responder", bareBlocks,
+             Format("%5.2f %5.2f %8.2f", Ratio(bareBlocks, bare), boundSeconds / bareSeconds, mib / bareSeconds));
+    const double ratio = Ratio(blocks, bare);
+    Judge(Format("%s: image >= 0.85 of the round-trip bound", t),
+          Format("%.2f (all %.2f)", ratio, boundSeconds / seconds), ratio >= 0.85);
+  }
+  std::printf("  one row a block: bare rows 263 bytes out, 7 back; driver rows one kaVDownloadImageBlock call\n"
+              "  (the last, which also ends the download, not counted). MiB/s: the bound (one bare round trip\n"
+              "  per block, announcement and end) and whole downloads; 'all' of a download is its MiB/s over\n"
+              "  the bound\n");
+
+}
+
+void PrintSerial(const TempDir& dir, const tamrik::DriverConfig& config, tb::Child& paced, tb::Child& pacedBare,
+                 bool quick) {
+  const SerialResult serial = MeasureSerial(dir, config, paced, pacedBare, quick ? 100 : 600);
+  const double expected = serial.wireUs + serial.ownP50Us;
+  const double off = serial.exchange.p50Us / expected - 1;
+  std::printf("\n5. Serial timing: pseudo-terminal paced at %u baud in both directions, 10 bits per byte\n",
+              kPaceBaud);
+  std::printf("  wire time of 7 + 16 bytes %.1f us; simulator's own time p50 %.1f us, mean %.1f us (%llu answers)\n",
+              serial.wireUs, serial.ownP50Us, serial.ownMeanUs, static_cast<unsigned long long>(serial.served));
+  std::printf("  %-31s %6s %8s %7s %8s  %s\n", "", "count", "mean us", "p50 us", "p99 us", "p50 over wire + own");
+  std::printf("  %-31s %6zu %8.1f %7.1f %8.1f  %+.1f %%\n", "bare client", serial.bare.count, serial.bare.meanUs,
+              serial.bare.p50Us, serial.bare.p99Us, 100 * (serial.bare.p50Us / expected - 1));
+  std::printf("  %-31s %6zu %8.1f %7.1f %8.1f  %+.1f %%\n", "driver", serial.exchange.count, serial.exchange.meanUs,
+              serial.exchange.p50Us, serial.exchange.p99Us, 100 * off);
+  Judge("pty 115200: within 5 % of wire time + turnaround",
+        Format("%+.1f %% (mean %+.1f %%)", 100 * off,
+               100 * (serial.exchange.meanUs / (serial.wireUs + serial.ownMeanUs) - 1)),
+        std::fabs(off) <= 0.05);
+
+}
+
+void PrintCostPerCall(std::vector<Transport>& transports, bool quick) {
+  std::printf("\n6. Cost per call\n");
+  for (Transport& tr : transports) {
+    if (tr.allocationsPerExchange < 0) {
+      std::printf("  %-4s heap allocations per exchange: not counted (sanitizer build)\n", tr.name.c_str());
+      continue;
+    }
+    std::printf("  %-4s heap allocations per exchange, tracing off: %.3f\n", tr.name.c_str(),
+                tr.allocationsPerExchange);
+    Judge(Format("%s: no heap allocation per exchange", tr.name.c_str()), Format("%.3f", tr.allocationsPerExchange),
+          tr.allocationsPerExchange == 0);
+  }
+  const auto codec = tb::RunCodecBenchmarks("BM_Codec", quick ? 0.05 : 0.3);
+  double codecNs = -1;
+  for (const auto& c : codec) {
+    std::printf("  %-40s %8.1f ns CPU (%lld iterations)\n", c.name.c_str(), c.cpuNs, c.iterations);
+    if (c.name == "BM_CodecExchange") codecNs = c.cpuNs;
+  }
+  Judge("codec alone < 1 us per exchange", Format("%.0f ns", codecNs), codecNs >= 0 && codecNs < 1000);
+
+}
+
+void PrintVerdicts(std::vector<Transport>& transports) {
+  for (Transport& tr : transports) {
+    std::vector<Target*> all = tr.Exchangers();
+    for (Target* t : {tr.blockBare.get(), tr.blockSim.get()}) {
+      if (t != nullptr) all.push_back(t);
+    }
+    for (Target* t : all) {
+      if (t->failures() > 0) {
+        std::printf("\n  %s: %llu failed exchanges (left out of the figures)\n", t->name().c_str(),
+                    static_cast<unsigned long long>(t->failures()));
+      }
+    }
+  }
+  std::printf("\nTargets\n");
+  for (const Verdict& v : g_verdicts) {
+    std::printf("  %-58s %-20s %s\n", v.target.c_str(), v.measured.c_str(), v.holds ? "holds" : "MISSED");
+  }
+}
+
+// The clients go before their far ends, which the servers' destructor stops.
+void ReleaseClients(std::vector<Transport>& transports) {
+  for (Transport& tr : transports) {
+    tr.bare.reset();
+    tr.driver.reset();
+    tr.driverProgram.reset();
+    tr.driverBare.reset();
+    tr.modbus.reset();
+    tr.bareSim.reset();
+    tr.blockBare.reset();
+    tr.blockSim.reset();
+    tr.imageBare.reset();
+    tr.python.reset();
+    tr.pymodbus.reset();
+  }
+}
+
+// Options from the command line; false (after the usage text) for anything else.
+bool ParseOptions(int argc, char** argv, Options* out) {
+  Options& opt = *out;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--quick") opt.quick = true;
@@ -789,9 +965,34 @@ int main(int argc, char** argv) {
                    "         LINK: tcp udp pty; SIDE: bare, driver, driver/program, driver/bare, bare/sim,\n"
                    "         libmodbus, bare block, bare block/sim, image, image/bare; tcp python,\n"
                    "         tcp pymodbus\n");
-      return 2;
+      return false;
     }
   }
+  return true;
+}
+
+tb::Child& StartPaced(const Options& opt, const TempDir& dir, Servers& servers, const char* statsFile) {
+  return servers.Start({opt.server, "sim", "pty", "--model", dir.File("station.model"), "--pace",
+                        std::to_string(kPaceBaud), "--stats", dir.File(statsFile)});
+}
+
+void PrintHeader() {
+  std::printf("tamrik benchmarks: one run, every ratio from this run (load average at start %s)\n",
+              LoadAverage().c_str());
+#if !defined(NDEBUG)
+  std::printf("note: not an optimised build; its figures say little about the driver's speed\n");
+#endif
+  if (!tb::AllocationCountingAvailable()) {
+    std::printf("note: a sanitizer build; its figures say nothing about the driver's speed\n");
+  }
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options opt;
+  if (!ParseOptions(argc, argv, &opt)) return 2;
   tb::InstallChildCleanup();
   const int64_t began = NowNs();
   try {
@@ -800,26 +1001,13 @@ int main(int argc, char** argv) {
     const std::string image = MakeImage(dir);
     Servers servers;
 
-    std::printf("tamrik benchmarks: one run, every ratio from this run (load average at start %s)\n",
-                LoadAverage().c_str());
-#if !defined(NDEBUG)
-    std::printf("note: not an optimised build; its figures say little about the driver's speed\n");
-#endif
-    if (!tb::AllocationCountingAvailable()) {
-      std::printf("note: a sanitizer build; its figures say nothing about the driver's speed\n");
-    }
-    std::fflush(stdout);
-
+    PrintHeader();
     std::vector<Transport> transports(3);
-    transports[0].name = "tcp";
-    transports[1].name = "udp";
-    transports[2].name = "pty";
+    for (size_t i = 0; i < transports.size(); ++i) transports[i].name = std::array{"tcp", "udp", "pty"}[i];
     // The paced far ends keep every CPU: started before the pinning, their wake-ups on the
     // clock do not wait behind the other processes of the run.
-    tb::Child& paced = servers.Start({opt.server, "sim", "pty", "--model", dir.File("station.model"), "--pace",
-                                      std::to_string(kPaceBaud), "--stats", dir.File("paced.stats")});
-    tb::Child& pacedBare = servers.Start({opt.server, "sim", "pty", "--model", dir.File("station.model"), "--pace",
-                                          std::to_string(kPaceBaud), "--stats", dir.File("paced-bare.stats")});
+    tb::Child& paced = StartPaced(opt, dir, servers, "paced.stats");
+    tb::Child& pacedBare = StartPaced(opt, dir, servers, "paced-bare.stats");
     cpu_set_t allowed;
     CPU_ZERO(&allowed);
     std::printf("processes %s\n", opt.spread ? "placed by the scheduler (--spread)" : PinToOneCpu(&allowed).c_str());
@@ -832,169 +1020,26 @@ int main(int argc, char** argv) {
     for (Transport& tr : transports) StartPythonClients(opt, servers, tr);
     if (!opt.profile.empty()) return Profile(opt, transports, image);
 
-    // --- 1 to 3: exchanges --------------------------------------------------------------
     const size_t socketCount = opt.quick ? 2000 : 40000;
     const size_t ptyCount = opt.quick ? 1000 : 20000;
     MeasureExchanges(transports, socketCount, ptyCount, opt.quick ? 20 : 110);
     CountAllocations(transports);
 
-    std::printf("\n1-3. Exchange of the input service: 7-byte request, 16-byte answer (9 data bytes)\n");
-    std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %5s %5s\n", "link", "what", "count", "per s", "90% /s",
-                "p50 us", "p99 us", "90%", "all");
-    for (Transport& tr : transports) {
-      const char* t = tr.name.c_str();
-      const Stats bare = tr.bare->Summary();
-      const Stats driver = tr.driver->Summary();
-      PrintRow(t, "bare round trip (the limit)", bare, Ratios(bare, bare));
-      PrintRow(t, "driver, simulator engine", driver, Ratios(driver, bare));
-      PrintRow(t, "driver, tamrik-sim program", tr.driverProgram->Summary(), Ratios(tr.driverProgram->Summary(), bare));
-      PrintRow(t, "driver, bare responder", tr.driverBare->Summary(), Ratios(tr.driverBare->Summary(), bare));
-      PrintRow(t, "bare client, simulator engine", tr.bareSim->Summary(), Ratios(tr.bareSim->Summary(), bare));
-      const double ratio = Ratio(driver, bare);
-      Judge(Format("%s: driver >= 0.90 of bare round trip", t),
-            Format("%.2f (all %.2f)", ratio, driver.perSecond / bare.perSecond), ratio >= 0.90);
-      if (tr.modbus) {
-        const Stats modbus = tr.modbus->Summary();
-        PrintRow(t, tr.name == "pty" ? "libmodbus RTU, 4 registers" : "libmodbus TCP, 4 registers", modbus,
-                 Ratios(modbus, bare));
-        const double vs = Ratio(driver, modbus);
-        std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %s\n", t, "driver over libmodbus", "", "", "", "", "",
-                    Ratios(driver, modbus).c_str());
-        Judge(Format("%s: driver >= 1.2x libmodbus", t), Format("%.2f (all %.2f)", vs, driver.perSecond / modbus.perSecond),
-              vs >= 1.2);
-      }
-      if (tr.python) {
-        const Stats python = tr.python->Summary();
-        const Stats pymodbus = tr.pymodbus->Summary();
-        PrintRow(t, "Python Gateway.inputs()", python, Ratios(python, bare));
-        PrintRow(t, "pymodbus, 4 registers", pymodbus, Ratios(pymodbus, bare));
-        std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %s\n", t, "Python over the driver", "", "", "", "", "",
-                    Ratios(python, driver).c_str());
-        std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %s\n", t, "Python over pymodbus", "", "", "", "", "",
-                    Ratios(python, pymodbus).c_str());
-        const double vsC = Ratio(python, driver);
-        Judge(Format("%s: Python inputs() >= 0.7x the C exchange", t),
-              Format("%.2f (all %.2f)", vsC, python.perSecond / driver.perSecond), vsC >= 0.7);
-        const double vsPymodbus = Ratio(python, pymodbus);
-        Judge(Format("%s: Python inputs() >= 3x pymodbus", t),
-              Format("%.2f (all %.2f)", vsPymodbus, python.perSecond / pymodbus.perSecond), vsPymodbus >= 3);
-      }
-    }
-    std::printf("  90%% /s: exchanges per second over the fastest 90 %%, where load from elsewhere on the machine\n"
-                "  does not reach; ratios: this side's exchanges per second over the limit's, over the fastest\n"
-                "  90 %% and over all\n");
+    PrintExchanges(transports);
 
-    // --- 4: image download ----------------------------------------------------------------
     MeasureImages(transports, image, opt.quick ? 1 : 2);
-    std::printf("\n4. Image download, %zu bytes in %zu-byte blocks (%zu blocks, announcement and end)\n",
-                kImageSize, kImageBlock, kImageSize / kImageBlock);
-    std::printf("  %-4s %-31s %6s %8s %8s %7s %8s  %5s %5s %8s\n", "link", "what", "count", "per s", "90% /s",
-                "p50 us", "p99 us", "90%", "all", "MiB/s");
-    for (Transport& tr : transports) {
-      if (!tr.blockBare) continue;
-      const char* t = tr.name.c_str();
-      const Stats bare = tr.blockBare->Summary();
-      const Stats blocks = tr.downloadBlocks.Summary();
-      const Stats bareBlocks = tr.bareDownloadBlocks.Summary();
-      const double count = double(kImageSize / kImageBlock);
-      const double mib = double(kImageSize) / (1024.0 * 1024.0);
-      // One round trip per block, and one each for the announcement and the end.
-      const double boundSeconds = count * bare.meanUs / 1e6 + 2 * tr.bare->Summary().meanUs / 1e6;
-      auto average = [](const std::vector<double>& v) {
-        double total = 0;
-        for (double x : v) total += x;
-        return total / double(v.size());
-      };
-      const double seconds = average(tr.downloadSeconds);
-      const double bareSeconds = average(tr.bareDownloadSeconds);
-      // The rate column of the downloads compares whole downloads with the bound.
-      PrintRow(t, "bare round trip (the limit)", bare, Ratios(bare, bare) + Format(" %8.2f", mib / boundSeconds));
-      PrintRow(t, "bare client, simulator engine", tr.blockSim->Summary(), Ratios(tr.blockSim->Summary(), bare));
-      PrintRow(t, "driver, simulator engine", blocks,
-               Format("%5.2f %5.2f %8.2f", Ratio(blocks, bare), boundSeconds / seconds, mib / seconds));
-      PrintRow(t, "driver, bare responder", bareBlocks,
-               Format("%5.2f %5.2f %8.2f", Ratio(bareBlocks, bare), boundSeconds / bareSeconds, mib / bareSeconds));
-      const double ratio = Ratio(blocks, bare);
-      Judge(Format("%s: image >= 0.85 of the round-trip bound", t),
-            Format("%.2f (all %.2f)", ratio, boundSeconds / seconds), ratio >= 0.85);
-    }
-    std::printf("  one row a block: bare rows 263 bytes out, 7 back; driver rows one kaVDownloadImageBlock call\n"
-                "  (the last, which also ends the download, not counted). MiB/s: the bound (one bare round trip\n"
-                "  per block, announcement and end) and whole downloads; 'all' of a download is its MiB/s over\n"
-                "  the bound\n");
+    PrintImages(transports);
 
-    // --- 5: serial timing -----------------------------------------------------------------
     // The serial timing is the paced line's, not the placement's: the client may use every
     // CPU again, as its far end does.
     if (CPU_COUNT(&allowed) > 0) sched_setaffinity(0, sizeof allowed, &allowed);
-    const SerialResult serial = MeasureSerial(dir, config, paced, pacedBare, opt.quick ? 100 : 600);
-    const double expected = serial.wireUs + serial.ownP50Us;
-    const double off = serial.exchange.p50Us / expected - 1;
-    std::printf("\n5. Serial timing: pseudo-terminal paced at %u baud in both directions, 10 bits per byte\n",
-                kPaceBaud);
-    std::printf("  wire time of 7 + 16 bytes %.1f us; simulator's own time p50 %.1f us, mean %.1f us (%llu answers)\n",
-                serial.wireUs, serial.ownP50Us, serial.ownMeanUs, static_cast<unsigned long long>(serial.served));
-    std::printf("  %-31s %6s %8s %7s %8s  %s\n", "", "count", "mean us", "p50 us", "p99 us", "p50 over wire + own");
-    std::printf("  %-31s %6zu %8.1f %7.1f %8.1f  %+.1f %%\n", "bare client", serial.bare.count, serial.bare.meanUs,
-                serial.bare.p50Us, serial.bare.p99Us, 100 * (serial.bare.p50Us / expected - 1));
-    std::printf("  %-31s %6zu %8.1f %7.1f %8.1f  %+.1f %%\n", "driver", serial.exchange.count, serial.exchange.meanUs,
-                serial.exchange.p50Us, serial.exchange.p99Us, 100 * off);
-    Judge("pty 115200: within 5 % of wire time + turnaround",
-          Format("%+.1f %% (mean %+.1f %%)", 100 * off,
-                 100 * (serial.exchange.meanUs / (serial.wireUs + serial.ownMeanUs) - 1)),
-          std::fabs(off) <= 0.05);
+    PrintSerial(dir, config, paced, pacedBare, opt.quick);
 
-    // --- 6: cost per call -----------------------------------------------------------------
-    std::printf("\n6. Cost per call\n");
-    for (Transport& tr : transports) {
-      if (tr.allocationsPerExchange < 0) {
-        std::printf("  %-4s heap allocations per exchange: not counted (sanitizer build)\n", tr.name.c_str());
-        continue;
-      }
-      std::printf("  %-4s heap allocations per exchange, tracing off: %.3f\n", tr.name.c_str(),
-                  tr.allocationsPerExchange);
-      Judge(Format("%s: no heap allocation per exchange", tr.name.c_str()), Format("%.3f", tr.allocationsPerExchange),
-            tr.allocationsPerExchange == 0);
-    }
-    const auto codec = tb::RunCodecBenchmarks("BM_Codec", opt.quick ? 0.05 : 0.3);
-    double codecNs = -1;
-    for (const auto& c : codec) {
-      std::printf("  %-40s %8.1f ns CPU (%lld iterations)\n", c.name.c_str(), c.cpuNs, c.iterations);
-      if (c.name == "BM_CodecExchange") codecNs = c.cpuNs;
-    }
-    Judge("codec alone < 1 us per exchange", Format("%.0f ns", codecNs), codecNs >= 0 && codecNs < 1000);
+    PrintCostPerCall(transports, opt.quick);
 
-    // --- verdicts -------------------------------------------------------------------------
-    for (Transport& tr : transports) {
-      std::vector<Target*> all = tr.Exchangers();
-      for (Target* t : {tr.blockBare.get(), tr.blockSim.get()}) {
-        if (t != nullptr) all.push_back(t);
-      }
-      for (Target* t : all) {
-        if (t->failures() > 0) {
-          std::printf("\n  %s: %llu failed exchanges (left out of the figures)\n", t->name().c_str(),
-                      static_cast<unsigned long long>(t->failures()));
-        }
-      }
-    }
-    std::printf("\nTargets\n");
-    for (const Verdict& v : g_verdicts) {
-      std::printf("  %-58s %-20s %s\n", v.target.c_str(), v.measured.c_str(), v.holds ? "holds" : "MISSED");
-    }
+    PrintVerdicts(transports);
     std::printf("\n(%.0f s; load average at end %s)\n", double(NowNs() - began) / 1e9, LoadAverage().c_str());
-    for (Transport& tr : transports) {
-      tr.bare.reset();
-      tr.driver.reset();
-      tr.driverProgram.reset();
-      tr.driverBare.reset();
-      tr.modbus.reset();
-      tr.bareSim.reset();
-      tr.blockBare.reset();
-      tr.blockSim.reset();
-      tr.imageBare.reset();
-      tr.python.reset();
-      tr.pymodbus.reset();
-    }
+    ReleaseClients(transports);
   } catch (const std::exception& e) {
     std::fflush(stdout);
     std::fprintf(stderr, "tamrik-bench: %s\n", e.what());

@@ -58,7 +58,8 @@ uint32_t CComPort::OpenEthernet(const char* psAdditionalArg, const char* psRemot
 SocketLink& CComPort::NewSocketLink(uint8_t major, uint8_t minor) {
   link_.reset();
   auto socket = std::make_unique<SocketLink>(timings_, major, minor);
-  socket->SetTrace(&CComPort::TraceFromLink, this);
+  // With tracing off a socket read writes no trace call at all.
+  if (tracing_) socket->SetTrace(&CComPort::TraceFromLink, this);
   SocketLink& opening = *socket;
   link_ = std::move(socket);
   return opening;

@@ -15,9 +15,6 @@
 
 namespace tamrik {
 
-// How long a link by address (TCP or UDP) waits for an answer to begin, unless configured.
-inline constexpr uint32_t kDefaultSocketAnswerMs = 110;
-
 // What an answer that needs more values than the caller's array holds does: it is cut to the
 // array, or it fails with 0x10053 (in both cases nothing is written past the array).
 enum class AnswerOverflow { Truncate, Fail };

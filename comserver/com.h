@@ -45,10 +45,11 @@ struct DriverConfig {
   int32_t logfile = 0;
   int32_t comPort = 1;
   int32_t baudrate = 9600;
-  int32_t readInterval = 200;
-  int32_t readTotalMultiplier = 0;
-  int32_t readTotalConstant = 500;
-  int32_t readTotalConstantFW = 3000;
+  // The serial time-outs default to the port's own.
+  int32_t readInterval = int32_t(PortTimings{}.readInterval);
+  int32_t readTotalMultiplier = int32_t(PortTimings{}.readTotalMultiplier);
+  int32_t readTotalConstant = int32_t(PortTimings{}.readTotalConstant);
+  int32_t readTotalConstantFW = int32_t(PortTimings{}.readTotalConstantFW);
   int32_t streamSegmentSleepTime = 255;  // the value a missing key reads as
   int32_t socketAnswerMs = int32_t(kDefaultSocketAnswerMs);
   std::map<int32_t, std::string> ports;  // COM port number -> device

@@ -8,16 +8,19 @@
 
 namespace tamrik {
 
+// How long a link by address (TCP or UDP) waits for an answer to begin, unless configured.
+inline constexpr uint32_t kDefaultSocketAnswerMs = 110;
+
 // The read time-outs of the port object: the Windows serial driver's three values, the one in
 // force (the firmware timing raises it during downloads), and the bound of a link by address.
-// The port owns them; a link reads them where it waits.
+// The port owns them; a link reads them where it waits. These defaults are the driver's.
 struct PortTimings {
   uint32_t readInterval = 200;
   uint32_t readTotalMultiplier = 0;
   uint32_t readTotalConstant = 500;
   uint32_t readTotalConstantFW = 3000;
   uint32_t activeTotalConstant = 500;
-  uint32_t socketAnswerMs = 110;
+  uint32_t socketAnswerMs = kDefaultSocketAnswerMs;
 };
 
 // How a read waits when nothing has arrived: up to the link's bound, or (the start-byte search

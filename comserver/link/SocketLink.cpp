@@ -127,9 +127,11 @@ uint32_t SocketLink::Read(uint8_t* buffer, int32_t length, ReadWait wait) {
         started = true;
         deadline = now + bound;
       } else if (now >= deadline) {
-        char text[48];
-        snprintf(text, sizeof text, "WSAGetLastError: %X", uint32_t(wsa::kWouldBlock));
-        Trace(text);
+        if (trace_ != nullptr) {
+          char text[48];
+          snprintf(text, sizeof text, "WSAGetLastError: %X", uint32_t(wsa::kWouldBlock));
+          Trace(text);
+        }
         return rc::kReadShort;
       }
       received = platform::SocketRecvWait(socket_, staging_, kStagingSize, uint32_t(deadline - now));
@@ -159,9 +161,11 @@ uint32_t SocketLink::Close() {
   if (socket_ != kInvalidSocket) platform::SocketClose(socket_);
   socket_ = kInvalidSocket;
   // The thread's last socket error, whatever call left it: a close that went well says nothing.
-  char text[64];
-  snprintf(text, sizeof text, "Socket WSAGetLastError: %x", uint32_t(platform::SocketLastError()));
-  Trace(text);
+  if (trace_ != nullptr) {
+    char text[64];
+    snprintf(text, sizeof text, "Socket WSAGetLastError: %x", uint32_t(platform::SocketLastError()));
+    Trace(text);
+  }
   platform::NetCleanup();
   closed_ = true;
   return rc::kOk;

@@ -194,6 +194,60 @@ AnswerRule AnswerRuleFor(uint16_t answerCode) {
   return AnswerRule::NotRecognised;
 }
 
+namespace {
+
+// One data byte per value, as many as the room takes.
+void CopyBytes(const uint8_t* data, size_t n, int32_t* values, size_t capacity, int32_t* count) {
+  const size_t copied = Min(n, capacity);
+  for (size_t i = 0; i < copied; ++i) values[i] = data[i];
+  *count = int32_t(copied);
+}
+
+// The data bytes in the values' memory, four per value; whole values are counted.
+void CopyPacked(const uint8_t* data, size_t n, int32_t* values, size_t capacity, int32_t* count) {
+  // capacity may be near SIZE_MAX / 16 (unbounded); compare in values, not in bytes.
+  const size_t bytes = capacity >= (n + 3) / 4 ? n : capacity * 4;
+  // Without values the capacity is 0, and then bytes is 0 as well: (n + 3) / 4 <= 0 only
+  // for n = 0. The analyzer cannot follow the division.
+  if (bytes > 0) std::memcpy(values, data, bytes);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
+  *count = int32_t(bytes / 4);
+}
+
+// The rules that fill value 0 (and the clock's three after it): false when the room or the
+// data are too short for them.
+bool DecodeIntoFirstValues(AnswerRule rule, const uint8_t* data, size_t n, int32_t* values, size_t capacity,
+                           int32_t* count) {
+  switch (rule) {
+    case AnswerRule::OneByte:
+      if (capacity < 1 || n < 1) return false;
+      values[0] = int32_t((uint32_t(values[0]) & 0xFFFFFF00u) | data[0]);
+      *count = 1;
+      return true;
+    case AnswerRule::TwoBytes:
+      if (capacity < 1 || n < 2) return false;
+      values[0] = int32_t((uint32_t(values[0]) & 0xFFFF0000u) | data[0] | (uint32_t(data[1]) << 8));
+      *count = 1;
+      return true;
+    case AnswerRule::FourBytes:
+      if (capacity < 1 || n < 4) return false;
+      values[0] = int32_t(Le32(data));
+      *count = 1;
+      return true;
+    default: {  // AnswerRule::Clock
+      // The count stays the data length, as hosts know it, bounded by what the buffer holds.
+      if (capacity < 1 || n < 4) return false;
+      const MillisecondParts t = MillisecondSplit(Le32(data));
+      const uint32_t parts[4] = {t.days, t.hours, t.minutes, t.seconds};
+      const size_t written = Min(4, capacity);
+      for (size_t i = 0; i < written; ++i) values[i] = int32_t(parts[i]);
+      *count = int32_t(Min(n, capacity));
+      return true;
+    }
+  }
+}
+
+}  // namespace
+
 uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLen, int32_t* values,
                       size_t capacity, int32_t* count) {
   int32_t ignoredCount = 0;
@@ -210,42 +264,24 @@ uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLe
   const size_t n = h.length;
 
   if (IsRawRequest(requestCode)) {
-    const size_t copied = Min(n, capacity);
-    for (size_t i = 0; i < copied; ++i) values[i] = data[i];
-    *count = int32_t(copied);
+    CopyBytes(data, n, values, capacity, count);
     return rc::kRawAnswerBase + h.code;
   }
 
-  switch (AnswerRuleFor(h.code)) {
-    case AnswerRule::BytePerValue: {
-      const size_t copied = Min(n, capacity);
-      for (size_t i = 0; i < copied; ++i) values[i] = data[i];
-      *count = int32_t(copied);
+  const AnswerRule rule = AnswerRuleFor(h.code);
+  switch (rule) {
+    case AnswerRule::BytePerValue:
+      CopyBytes(data, n, values, capacity, count);
       return rc::kOk;
-    }
-    case AnswerRule::Packed: {
-      // capacity may be near SIZE_MAX / 16 (unbounded); compare in values, not in bytes.
-      const size_t bytes = capacity >= (n + 3) / 4 ? n : capacity * 4;
-      // Without values the capacity is 0, and then bytes is 0 as well: (n + 3) / 4 <= 0 only
-      // for n = 0. The analyzer cannot follow the division.
-      if (bytes > 0) std::memcpy(values, data, bytes);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
-      *count = int32_t(bytes / 4);
+    case AnswerRule::Packed:
+      CopyPacked(data, n, values, capacity, count);
       return rc::kOk;
-    }
     case AnswerRule::OneByte:
-      if (capacity < 1 || n < 1) break;
-      values[0] = int32_t((uint32_t(values[0]) & 0xFFFFFF00u) | data[0]);
-      *count = 1;
-      return rc::kOk;
     case AnswerRule::TwoBytes:
-      if (capacity < 1 || n < 2) break;
-      values[0] = int32_t((uint32_t(values[0]) & 0xFFFF0000u) | data[0] | (uint32_t(data[1]) << 8));
-      *count = 1;
-      return rc::kOk;
     case AnswerRule::FourBytes:
-      if (capacity < 1 || n < 4) break;
-      values[0] = int32_t(Le32(data));
-      *count = 1;
+    case AnswerRule::Clock:
+      // A rule that writes value 0 found no room, or fewer data bytes than it takes.
+      if (!DecodeIntoFirstValues(rule, data, n, values, capacity, count)) *count = 0;
       return rc::kOk;
     case AnswerRule::Words16: {
       // With an odd N the last word's upper byte is the check value's low byte, which is
@@ -253,16 +289,6 @@ uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLe
       const size_t words = Min((n + 1) / 2, capacity);
       for (size_t k = 0; k < words; ++k) values[k] = data[2 * k] | (int32_t(data[2 * k + 1]) << 8);
       *count = int32_t(Min(n, 2 * words));
-      return rc::kOk;
-    }
-    case AnswerRule::Clock: {
-      // The count stays the data length, as hosts know it, bounded by what the buffer holds.
-      if (capacity < 1 || n < 4) break;
-      const MillisecondParts t = MillisecondSplit(Le32(data));
-      const uint32_t parts[4] = {t.days, t.hours, t.minutes, t.seconds};
-      const size_t written = Min(4, capacity);
-      for (size_t i = 0; i < written; ++i) values[i] = int32_t(parts[i]);
-      *count = int32_t(Min(n, capacity));
       return rc::kOk;
     }
     case AnswerRule::ErrorList:
@@ -273,11 +299,9 @@ uint32_t DecodeAnswer(uint32_t requestCode, const uint8_t* frame, size_t frameLe
       if (n == 1) return rc::kRefusalDataBase + data[0];
       return rc::kOk;
     case AnswerRule::NotRecognised:
-      *count = int32_t(n);
-      return rc::kOk;
+      break;
   }
-  // A rule that writes value 0 found no room, or fewer data bytes than it takes.
-  *count = 0;
+  *count = int32_t(n);
   return rc::kOk;
 }
 

@@ -1,4 +1,4 @@
-// Files larger than a long can count, on the POSIX side.
+// File lengths beyond 2 GiB on the POSIX side.
 #include <sys/types.h>
 
 #include <cstdio>

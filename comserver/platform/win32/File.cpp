@@ -1,4 +1,4 @@
-// Files larger than a long can count, on the Windows side (long is 32-bit there).
+// File lengths beyond 2 GiB on the Windows side, whose plain file positions are 32-bit.
 #include <cstdio>
 
 #include "platform/Platform.h"
