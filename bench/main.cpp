@@ -19,7 +19,6 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,11 +34,14 @@
 
 #include "AllocCount.h"
 #include "Codec.h"
+#include "FleetRun.h"
+#include "Text.h"
 #include "Process.h"
 #include "com.h"
 #include "protocol/Codec.h"
 
 namespace tb = tamrik::bench;
+using tamrik::bench::Format;
 
 namespace {
 
@@ -230,7 +232,6 @@ int OpenRawTty(const std::string& path) {
 
 // --- the driver ----------------------------------------------------------------------------
 
-std::string Format(const char* format, ...);
 
 class DriverClient : public Target {
  public:
@@ -341,6 +342,8 @@ struct Options {
   std::string server = TAMRIK_BENCH_SERVER;
   std::string sim = TAMRIK_BENCH_SIM;
   std::string python = "/usr/bin/python3";
+  std::string tool = TAMRIK_BENCH_TOOL;
+  std::string fleet;  // sizes for the fleet section alone
 };
 
 class TempDir {
@@ -430,15 +433,6 @@ std::unique_ptr<tamrik::Ccom> OpenDriver(const tamrik::DriverConfig& config, con
 }
 
 // --- output ----------------------------------------------------------------------------------
-
-std::string Format(const char* format, ...) {
-  char text[512];
-  va_list args;
-  va_start(args, format);
-  vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  return text;
-}
 
 struct Verdict {
   std::string target;
@@ -958,17 +952,33 @@ bool ParseOptions(int argc, char** argv, Options* out) {
     else if (arg == "--python" && i + 1 < argc) opt.python = argv[++i];
     else if (arg == "--profile" && i + 1 < argc) opt.profile = argv[++i];
     else if (arg == "--count" && i + 1 < argc) opt.count = std::strtoul(argv[++i], nullptr, 10);
+    else if (arg == "--fleet" && i + 1 < argc) opt.fleet = argv[++i];
+    else if (arg == "--tool" && i + 1 < argc) opt.tool = argv[++i];
     else {
       std::fprintf(stderr,
-                   "usage: tamrik-bench [--quick] [--spread] [--server PATH] [--sim PATH] [--python PATH]\n"
+                   "usage: tamrik-bench [--quick] [--spread] [--server PATH] [--sim PATH] [--python PATH] [--tool PATH]\n"
                    "       tamrik-bench --profile 'LINK SIDE' [--count N]   one side alone, for a profiler\n"
                    "         LINK: tcp udp pty; SIDE: bare, driver, driver/program, driver/bare, bare/sim,\n"
                    "         libmodbus, bare block, bare block/sim, image, image/bare; tcp python,\n"
-                   "         tcp pymodbus\n");
+                   "         tcp pymodbus\n"
+                   "       tamrik-bench --fleet N[,N...] [--quick]   the fleet section alone, at these sizes\n");
       return false;
     }
   }
   return true;
+}
+
+void RunFleet(const Options& opt, const TempDir& dir) {
+  tb::FleetOptions fleet;
+  fleet.tool = opt.tool;
+  fleet.dir = dir.path();
+  fleet.seconds = opt.quick ? 5 : 20;
+  if (!opt.fleet.empty()) {
+    fleet.sizes.clear();
+    std::istringstream sizes(opt.fleet);
+    for (std::string n; std::getline(sizes, n, ',');) fleet.sizes.push_back(std::strtoul(n.c_str(), nullptr, 10));
+  }
+  for (const tb::FleetVerdict& v : tb::RunFleet(fleet)) Judge(v.target, v.measured, v.holds);
 }
 
 tb::Child& StartPaced(const Options& opt, const TempDir& dir, Servers& servers, const char* statsFile) {
@@ -1002,6 +1012,12 @@ int main(int argc, char** argv) {
     Servers servers;
 
     PrintHeader();
+    if (!opt.fleet.empty()) {
+      RunFleet(opt, dir);
+      std::vector<Transport> none;
+      PrintVerdicts(none);
+      return 0;
+    }
     std::vector<Transport> transports(3);
     for (size_t i = 0; i < transports.size(); ++i) transports[i].name = std::array{"tcp", "udp", "pty"}[i];
     // The paced far ends keep every CPU: started before the pinning, their wake-ups on the
@@ -1036,6 +1052,8 @@ int main(int argc, char** argv) {
     PrintSerial(dir, config, paced, pacedBare, opt.quick);
 
     PrintCostPerCall(transports, opt.quick);
+
+    RunFleet(opt, dir);
 
     PrintVerdicts(transports);
     std::printf("\n(%.0f s; load average at end %s)\n", double(NowNs() - began) / 1e9, LoadAverage().c_str());

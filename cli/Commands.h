@@ -125,6 +125,8 @@ void Block(Context& ctx, const Args& args);
 void Privileged(Context& ctx, const Args& args);
 // watch (CommandsWatch.cpp).
 void Watch(Context& ctx, const Args& args);
+// serve (CommandsServe.cpp).
+void Serve(Context& ctx, const Args& args);
 // Downloads (CommandsDownload.cpp); the boot files come from the arguments or from --ini.
 void Firmware(Context& ctx, const Args& args);
 void Boot(Context& ctx, const Args& args);
@@ -134,6 +136,8 @@ std::vector<std::string> BootFiles(const Args& args);
 bool CancelAsked(const Args& args);
 // The tour (Demo.cpp).
 void Tour(Context& ctx, const Args& args);
+// decode: frames of a trace or of hexadecimal bytes (CommandsDecode.cpp).
+void Decode(Context& ctx, const Args& args);
 // codes and help (CommandLine.cpp).
 void Codes(Context& ctx, const Args& args);
 void Help(Context& ctx, const Args& args);

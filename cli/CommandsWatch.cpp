@@ -10,6 +10,7 @@
 
 #include "Commands.h"
 #include "Render.h"
+#include "State.h"
 
 namespace tamrik::cli {
 namespace {
@@ -26,18 +27,8 @@ struct WatchOptions {
 constexpr int64_t kFirstBackoffMs = 100;
 constexpr int64_t kBackoffCapMs = 5000;
 
-// RFC 3339 in UTC with milliseconds: 2024-05-01T12:00:00.123Z
-std::string Rfc3339Now() {
-  const auto now = std::chrono::system_clock::now();
-  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
-  const std::time_t seconds = std::time_t(ms / 1000);
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
-  char text[40];
-  const size_t n = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
-  std::snprintf(text + n, sizeof text - n, ".%03dZ", int(ms % 1000));
-  return text;
-}
+// RFC 3339 in UTC with milliseconds, as the service writes its times: 2024-05-01T12:00:00.123Z
+std::string Rfc3339Now() { return serve::Rfc3339(serve::NowMs()); }
 
 std::string TwoDigits(int value) { return value < 0 ? "--" : HexText(uint32_t(value), 2).substr(2); }
 

@@ -29,7 +29,10 @@ set(TAMRIK_PYTHON_INSTALL_DIR ${default_dir} CACHE STRING "Where the Python pack
 install(DIRECTORY python/tamrik DESTINATION ${TAMRIK_PYTHON_INSTALL_DIR} COMPONENT python
   PATTERN __pycache__ EXCLUDE PATTERN "*.so*" EXCLUDE)
 
-# Relative, so that the installation can be moved or made with --prefix.
+# Relative, so that the installation can be moved or made with --prefix. Where the loader
+# finds the library by its SONAME anyway (TAMRIK_LIBDIR_IS_SYSTEM, the prefix /usr) the package
+# loads it by that name and needs no link.
+if(NOT TAMRIK_LIBDIR_IS_SYSTEM)
 file(RELATIVE_PATH TAMRIK_PYTHON_LIBRARY_LINK "/p/${TAMRIK_PYTHON_INSTALL_DIR}/tamrik"
   "/p/${CMAKE_INSTALL_LIBDIR}/libtamrik.so.${PROJECT_VERSION_MAJOR}")
 install(CODE "
@@ -38,6 +41,7 @@ install(CODE "
   file(CREATE_LINK \"${TAMRIK_PYTHON_LIBRARY_LINK}\" \"\${package}/libtamrik.so.${PROJECT_VERSION_MAJOR}\" SYMBOLIC)
   message(STATUS \"Installing: \${package}/libtamrik.so.${PROJECT_VERSION_MAJOR} -> ${TAMRIK_PYTHON_LIBRARY_LINK}\")"
   COMPONENT python)
+endif()
 
 # The metadata pip would write: the pytest plugin is found through its entry point.
 set(dist_info ${CMAKE_CURRENT_BINARY_DIR}/python/tamrik-${PROJECT_VERSION}.dist-info)

@@ -6,6 +6,16 @@ include(CMakePackageConfigHelpers)
 find_package(CLI11 CONFIG REQUIRED)
 find_package(nlohmann_json 3 REQUIRED)
 
+# Installed programs find libtamrik.so through a search path relative to themselves, except
+# where the loader finds it by its SONAME anyway (the prefix /usr): there they carry none, as
+# Debian's packages must not.
+set(TAMRIK_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+set(TAMRIK_LIBDIR_IS_SYSTEM OFF)
+if(CMAKE_INSTALL_FULL_LIBDIR IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
+  set(TAMRIK_INSTALL_RPATH "")
+  set(TAMRIK_LIBDIR_IS_SYSTEM ON)
+endif()
+
 # --- tamrik: the command-line tool -----------------------------------------------------------
 # The tool reaches the driver only through the C interface of libtamrik.so; result names
 # come from there too. Its man page and completion are made by tamrik_progdocs, as the
@@ -15,8 +25,7 @@ set(TAMRIK_TOOL_SOURCES
   cli/Render.cpp cli/Progress.cpp cli/CommandsGateway.cpp cli/CommandsData.cpp cli/CommandsRaw.cpp
   cli/CommandsWatch.cpp cli/CommandsDownload.cpp cli/FileChecks.cpp cli/Demo.cpp)
 add_executable(tamrik-tool ${TAMRIK_TOOL_SOURCES})
-set_target_properties(tamrik-tool PROPERTIES OUTPUT_NAME tamrik
-  INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+set_target_properties(tamrik-tool PROPERTIES OUTPUT_NAME tamrik INSTALL_RPATH "${TAMRIK_INSTALL_RPATH}")
 target_include_directories(tamrik-tool PRIVATE cli)
 target_compile_definitions(tamrik-tool PRIVATE TAMRIK_VERSION="${PROJECT_VERSION}")
 target_link_libraries(tamrik-tool PRIVATE tamrik tamrik_sim tamrik_progdocs CLI11::CLI11 nlohmann_json::nlohmann_json)
@@ -51,34 +60,38 @@ add_custom_target(docs
 
 # --- installation ----------------------------------------------------------------------------
 target_include_directories(tamrik PUBLIC $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+# The versioned library is the component "library"; the header, the unversioned link and what
+# build systems read are "development" (cmake/Packaging.cmake makes a package of each).
 install(TARGETS tamrik EXPORT tamrikTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES comserver/capi/tamrik.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT library)
+install(FILES comserver/capi/tamrik.h ${CMAKE_CURRENT_BINARY_DIR}/include/tamrik_version.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(TARGETS tamrik-tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # A component of their own, so that they can be installed (and checked) alone.
 install(FILES ${TAMRIK_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool-manual)
 install(FILES ${TAMRIK_COMPLETION} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
   RENAME tamrik COMPONENT tool-manual)
 if(TARGET tamrik-sim)
-  set_target_properties(tamrik-sim PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  set_target_properties(tamrik-sim PROPERTIES INSTALL_RPATH "${TAMRIK_INSTALL_RPATH}")
   install(TARGETS tamrik-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 install(FILES examples/kaVdmo.ini DESTINATION ${CMAKE_INSTALL_DATADIR}/tamrik)
 
-install(EXPORT tamrikTargets NAMESPACE tamrik:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrik)
+install(EXPORT tamrikTargets NAMESPACE tamrik:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrik
+  COMPONENT development)
 configure_package_config_file(cmake/tamrikConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/tamrikConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrik)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tamrikConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamrikConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/tamrikConfigVersion.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrik)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrik COMPONENT development)
 
 # The pkg-config file finds its prefix from where it lies, so an installation can be moved
 # (or made with cmake --install --prefix) and still be found.
 file(RELATIVE_PATH TAMRIK_PC_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
 configure_file(cmake/tamrik.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tamrik.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamrik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tamrik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 # --- tests -----------------------------------------------------------------------------------
 if(TAMRIK_BUILD_TESTS)

@@ -63,7 +63,7 @@ fi
 targets=(--target tamrik tamrik-sim)
 # A Linux build directory that exists already (CI's) is only brought up to date.
 if build "$linux" -DTAMRIK_BUILD_TESTS=OFF &&
-   g++ -std=c++20 -O1 -Wall -Icomserver -Icomserver/capi -Itests/windows tests/windows/linux_peer.cpp \
+   g++ -std=c++20 -O1 -Wall -Icomserver -Icomserver/capi -I"$linux/include" -Itests/windows tests/windows/linux_peer.cpp \
        -o "$linux/tamrik-peer" -L"$linux" -ltamrik -Wl,-rpath,"$root/$linux" >"$linux/tamrik-peer.log" 2>&1; then
   pass "Linux library, simulator and peer"
 else

@@ -9,7 +9,7 @@ ctest --test-dir "${BUILD_DIR:-build}" --output-on-failure -j "$(nproc)" -LE soa
 # The Python package against the library and the simulator just built. pytest exits with 5
 # when it collected no test, which fails the run like any other failure.
 build_dir="${BUILD_DIR:-build}"
-python_env=(TAMRIK_LIBRARY="$PWD/$build_dir/libtamrik.so.1" TAMRIK_SIM="$PWD/$build_dir/tamrik-sim"
+python_env=(TAMRIK_LIBRARY="$PWD/$build_dir/libtamrik.so" TAMRIK_SIM="$PWD/$build_dir/tamrik-sim"
             TAMRIK_BUILD_DIR="$PWD/$build_dir" PYTHONDONTWRITEBYTECODE=1)
 # A sanitizer build's library needs its runtime loaded before the interpreter starts.
 sanitize=$(sed -n 's/^TAMRIK_SANITIZE:STRING=//p' "$build_dir/CMakeCache.txt")

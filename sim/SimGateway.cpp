@@ -9,7 +9,7 @@ namespace tamrik::sim {
 
 namespace {
 
-constexpr size_t kLogLimit = 10000;
+constexpr size_t kDefaultLogCapacity = 10000;
 
 std::string Hex(std::span<const uint8_t> bytes, size_t limit = 24) {
   std::string out;
@@ -34,7 +34,8 @@ const char* LinkName(LinkKind link) {
   return "direct";
 }
 
-Gateway::Gateway(Station station) : engine_(std::move(station)), start_(std::chrono::steady_clock::now()) {}
+Gateway::Gateway(Station station)
+    : engine_(std::move(station)), logCapacity_(kDefaultLogCapacity), start_(std::chrono::steady_clock::now()) {}
 
 Gateway::~Gateway() = default;
 
@@ -72,12 +73,15 @@ Delivery Gateway::Serve(const ParsedFrame& request, LinkKind link) {
     const AnswerFault byRule = faultRule_ ? faultRule_(request) : AnswerFault{};
     const AnswerFault f = EffectiveFault(Overlay(TakeOneShot(), byRule));
     d = Schedule(AnswerBytes(request, f), f);
-    RequestRecord r{.link = link, .code = request.code, .data = request.data, .frame = request.raw,
-                    .answer = d.bytes, .time = std::chrono::steady_clock::now()};
     ++counters_.requests;
-    if (sink_) line = LogLine(r, d);
-    log_.push_back(std::move(r));
-    if (log_.size() > kLogLimit) log_.pop_front();
+    // Without a log and a sink the record would be three copies made for nobody.
+    if (logCapacity_ > 0 || sink_) {
+      RequestRecord r{.link = link, .code = request.code, .data = request.data, .frame = request.raw,
+                      .answer = d.bytes, .time = std::chrono::steady_clock::now()};
+      if (sink_) line = LogLine(r, d);
+      if (logCapacity_ > 0) log_.push_back(std::move(r));
+      if (log_.size() > logCapacity_) log_.pop_front();
+    }
   }
   logChanged_.notify_all();
   if (!line.empty()) Emit(line);
@@ -326,6 +330,17 @@ void Gateway::ClearScript() {
 std::vector<RequestRecord> Gateway::Requests() const {
   std::lock_guard lock(mutex_);
   return {log_.begin(), log_.end()};
+}
+
+void Gateway::SetLogCapacity(size_t records) {
+  std::lock_guard lock(mutex_);
+  logCapacity_ = records;
+  while (log_.size() > logCapacity_) log_.pop_front();
+}
+
+size_t Gateway::LogCapacity() const {
+  std::lock_guard lock(mutex_);
+  return logCapacity_;
 }
 
 void Gateway::ClearRequests() {

@@ -153,8 +153,13 @@ class Gateway {
   void ClearScript();
 
   // --- request log --------------------------------------------------------------------
-  // The most recent requests (at most 10000), oldest first.
+  // The most recent requests (at most the log capacity), oldest first.
   std::vector<RequestRecord> Requests() const;
+  // How many requests the log keeps (default 10000); older ones are dropped at once when it
+  // shrinks. 0 keeps no log, for gateways served by the thousand: WaitForRequests then
+  // waits in vain, and GetCounters is what still counts.
+  void SetLogCapacity(size_t records);
+  size_t LogCapacity() const;
   void ClearRequests();
   // Waits until the log holds at least n requests; false when timeoutMs passed first.
   bool WaitForRequests(size_t n, uint32_t timeoutMs) const;
@@ -185,6 +190,7 @@ class Gateway {
   std::deque<std::vector<uint8_t>> rawAnswers_;
   std::map<uint16_t, std::vector<uint8_t>> overrides_;
   std::deque<RequestRecord> log_;
+  size_t logCapacity_;
   Counters counters_;
   uint64_t answerFrames_ = 0;  // for corruptEvery
   uint32_t noiseSeed_ = 0;

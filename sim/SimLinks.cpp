@@ -38,6 +38,14 @@ sockaddr_in MakeAddress(const std::string& address, uint16_t port) {
   return a;
 }
 
+bool SamePeer(const sockaddr_in& a, const sockaddr_in& b) {
+  return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
+}
+
+}  // namespace
+
+// --- sockets ------------------------------------------------------------------------------
+
 uint16_t BoundPort(int fd) {
   sockaddr_in a{};
   socklen_t len = sizeof a;
@@ -45,11 +53,32 @@ uint16_t BoundPort(int fd) {
   return ntohs(a.sin_port);
 }
 
-bool SamePeer(const sockaddr_in& a, const sockaddr_in& b) {
-  return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
+int ListenTcp(const std::string& address, uint16_t port, int backlog) {
+  const sockaddr_in a = MakeAddress(address, port);
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) ThrowErrno("socket");
+  const int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) {
+    const int e = errno;
+    close(fd);
+    throw std::system_error(e, std::generic_category(), "bind TCP " + address + ":" + std::to_string(port));
+  }
+  if (listen(fd, backlog) != 0) {
+    const int e = errno;
+    close(fd);
+    throw std::system_error(e, std::generic_category(), "listen");
+  }
+  return fd;
 }
 
-}  // namespace
+int AcceptTcp(int listenFd) {
+  const int c = accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (c < 0) return -1;
+  const int on = 1;
+  setsockopt(c, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return c;
+}
 
 // --- outbox -------------------------------------------------------------------------------
 
@@ -90,10 +119,47 @@ void SleepUntil(Clock::time_point t) {
   }
 }
 
+// --- session ------------------------------------------------------------------------------
+
+Session::Session(Gateway& gateway, LinkKind kind, uint32_t stallMs)
+    : gateway_(gateway), kind_(kind), stallMs_(stallMs) {}
+
+void Session::Receive(std::span<const uint8_t> bytes, Clock::time_point now, const sockaddr_in& peer) {
+  if (!bytes.empty()) lastInput_ = now;
+  parser_.Feed(bytes);
+  while (auto ev = parser_.Next()) {
+    if (ev->kind == FrameParser::Kind::BadCheckValue) {
+      gateway_.NoteBadFrame(ev->frame.raw, kind_);
+      continue;
+    }
+    Delivery d = gateway_.Serve(ev->frame, kind_);
+    if (d.action != Delivery::Action::Silence) outbox_.Add(std::move(d), now, peer);
+  }
+}
+
+void Session::CheckStall(Clock::time_point now) {
+  if (stallMs_ == 0 || now - lastInput_ < std::chrono::milliseconds(stallMs_)) return;
+  // Everything buffered is older than the stall time: no start byte in it will complete.
+  while (parser_.HasPartialFrame() && parser_.DropStalledStart()) Receive({}, now);
+}
+
+std::optional<Clock::time_point> Session::NextWake() const {
+  std::optional<Clock::time_point> next = outbox_.NextDue();
+  if (stallMs_ && parser_.HasPartialFrame()) {
+    const auto stall = lastInput_ + std::chrono::milliseconds(stallMs_);
+    next = next ? std::min(*next, stall) : stall;
+  }
+  return next;
+}
+
+void Session::Reset() {
+  parser_.Reset();
+  outbox_.Clear();
+}
+
 // --- link -----------------------------------------------------------------------------------
 
-Link::Link(Gateway& gateway, LinkKind kind, uint32_t stallMs)
-    : gateway_(gateway), kind_(kind), stallMs_(stallMs) {
+Link::Link(Gateway& gateway, LinkKind kind, uint32_t stallMs) : kind_(kind), session_(gateway, kind, stallMs) {
   wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wakeFd_ < 0) ThrowErrno("eventfd");
 }
@@ -125,29 +191,9 @@ void Link::WaitForStop(int ms) {
   poll(&p, 1, ms);
 }
 
-void Link::Receive(std::span<const uint8_t> bytes, const sockaddr_in& peer) {
-  const auto now = Clock::now();
-  if (!bytes.empty()) lastInput_ = now;
-  parser_.Feed(bytes);
-  while (auto ev = parser_.Next()) {
-    if (ev->kind == FrameParser::Kind::BadCheckValue) {
-      gateway_.NoteBadFrame(ev->frame.raw, kind_);
-      continue;
-    }
-    Delivery d = gateway_.Serve(ev->frame, kind_);
-    if (d.action != Delivery::Action::Silence) outbox_.Add(std::move(d), now, peer);
-  }
-}
-
-void Link::CheckStall(Clock::time_point now) {
-  if (stallMs_ == 0 || now - lastInput_ < std::chrono::milliseconds(stallMs_)) return;
-  // Everything buffered is older than the stall time: no start byte in it will complete.
-  while (parser_.HasPartialFrame() && parser_.DropStalledStart()) Receive({});
-}
-
 void Link::RunDue() {
   while (!stop_) {
-    auto item = outbox_.TakeDue(Clock::now());
+    auto item = session_.TakeDue(Clock::now());
     if (!item) return;
     switch (item->delivery.action) {
       case Delivery::Action::Send:
@@ -167,11 +213,7 @@ void Link::RunDue() {
 
 int Link::PollTimeout() const {
   const auto now = Clock::now();
-  std::optional<Clock::time_point> next = outbox_.NextDue();
-  if (stallMs_ && parser_.HasPartialFrame()) {
-    const auto stall = lastInput_ + std::chrono::milliseconds(stallMs_);
-    next = next ? std::min(*next, stall) : stall;
-  }
+  const std::optional<Clock::time_point> next = session_.NextWake();
   if (!next) return kMaxPollMs;
   if (*next <= now) return 0;
   // Round up so that the loop does not wake a moment early and spin.
@@ -227,24 +269,7 @@ bool Link::WriteAll(int fd, std::span<const uint8_t> bytes, bool socket) {
 // --- TCP ----------------------------------------------------------------------------------
 
 TcpLink::TcpLink(Gateway& gateway, const std::string& address, uint16_t port, uint32_t stallMs)
-    : Link(gateway, LinkKind::Tcp, stallMs) {
-  const sockaddr_in a = MakeAddress(address, port);
-  listenFd_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (listenFd_ < 0) ThrowErrno("socket");
-  const int on = 1;
-  setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (bind(listenFd_, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) {
-    const int e = errno;
-    close(listenFd_);
-    throw std::system_error(e, std::generic_category(), "bind TCP " + address + ":" + std::to_string(port));
-  }
-  if (listen(listenFd_, 4) != 0) {
-    const int e = errno;
-    close(listenFd_);
-    throw std::system_error(e, std::generic_category(), "listen");
-  }
-  port_ = BoundPort(listenFd_);
-}
+    : Link(gateway, LinkKind::Tcp, stallMs), listenFd_(ListenTcp(address, port, 4)), port_(BoundPort(listenFd_)) {}
 
 TcpLink::~TcpLink() {
   Stop();
@@ -255,8 +280,7 @@ TcpLink::~TcpLink() {
 void TcpLink::CloseClient() {
   if (clientFd_ >= 0) close(clientFd_);
   clientFd_ = -1;
-  parser_.Reset();
-  outbox_.Clear();
+  session_.Reset();
 }
 
 void TcpLink::Run() {
@@ -275,13 +299,11 @@ void TcpLink::Run() {
         CloseClient();
     }
     if (fds[1].revents & POLLIN) {
-      const int c = accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      const int c = AcceptTcp(listenFd_);
       if (c >= 0) {
         // One host at a time: a new connection means the old one is gone or abandoned.
         CloseClient();
         clientFd_ = c;
-        const int on = 1;
-        setsockopt(c, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         ++accepted_;
       }
     }
@@ -329,7 +351,7 @@ void UdpLink::Run() {
       const ssize_t got = recvfrom(fd_, buf.data(), buf.size(), 0, reinterpret_cast<sockaddr*>(&peer), &len);
       if (got > 0) {
         // A frame split over datagrams is put together only from one sender.
-        if (!SamePeer(peer, lastPeer_)) parser_.Reset();
+        if (!SamePeer(peer, lastPeer_)) session_.ResetParser();
         lastPeer_ = peer;
         Receive({buf.data(), size_t(got)}, peer);
       }
@@ -424,8 +446,7 @@ void PtyLink::Transmit(std::span<const uint8_t> bytes, const sockaddr_in&) {
 void PtyLink::DropPeer() {
   // A serial line cannot be disconnected; the closest is a gateway that forgets what it
   // has been sent so far.
-  parser_.Reset();
-  outbox_.Clear();
+  session_.Reset();
   uint8_t buf[256];
   while (read(masterFd_, buf, sizeof buf) > 0) {
   }

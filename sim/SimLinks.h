@@ -1,5 +1,6 @@
-// The simulator's links: each serves one transport on a thread of its own. Internal to the
-// simulator; tests and tools use Simulator.
+// The simulator's links: each serves one transport on a thread of its own; the session and
+// socket pieces are shared with the fleet's connections. Internal to the simulator; tests and
+// tools use Simulator and Fleet.
 #pragma once
 
 #include <netinet/in.h>
@@ -42,8 +43,46 @@ class Outbox {
   Clock::time_point lastInOrder_{};
 };
 
+// A non-blocking TCP socket listening on address:port (0: a free port), with SO_REUSEADDR so
+// that a port whose connections linger in TIME_WAIT can be taken again. Throws
+// std::system_error.
+int ListenTcp(const std::string& address, uint16_t port, int backlog);
+// The port a socket is bound to.
+uint16_t BoundPort(int fd);
+// Accepts one connection, non-blocking and without Nagle's delay; -1 when none is waiting.
+int AcceptTcp(int listenFd);
+
 // Sleeps until an absolute time on the monotonic clock, to well under 100 us.
 void SleepUntil(Clock::time_point t);
+
+// The gateway's side of one byte stream, without its I/O: received bytes are parsed into
+// frames, each is served, and the answers wait in the outbox for their time. A link thread
+// and the fleet's connections both drive one of these per peer.
+class Session {
+ public:
+  Session(Gateway& gateway, LinkKind kind, uint32_t stallMs);
+
+  // Feeds received bytes to the parser and schedules the answers to the frames found.
+  void Receive(std::span<const uint8_t> bytes, Clock::time_point now, const sockaddr_in& peer = {});
+  // Drops a start byte whose frame has not completed after the stall time.
+  void CheckStall(Clock::time_point now);
+  // The outbox item due first, if its time has come.
+  std::optional<Outbox::Item> TakeDue(Clock::time_point now) { return outbox_.TakeDue(now); }
+  // When something is next to do: an answer due, or a partial frame that will stall.
+  std::optional<Clock::time_point> NextWake() const;
+  // Forgets the bytes received and the answers not yet sent, as a new connection starts.
+  void Reset();
+  // Forgets a partial frame only: a datagram from another sender starts afresh.
+  void ResetParser() { parser_.Reset(); }
+
+ private:
+  Gateway& gateway_;
+  const LinkKind kind_;
+  const uint32_t stallMs_;
+  FrameParser parser_;
+  Outbox outbox_;
+  Clock::time_point lastInput_{};
+};
 
 class Link {
  public:
@@ -59,10 +98,10 @@ class Link {
  protected:
   virtual void Run() = 0;
 
-  // Feeds received bytes to the parser and schedules the answers to the frames found.
-  void Receive(std::span<const uint8_t> bytes, const sockaddr_in& peer = {});
-  // Drops a start byte whose frame has not completed after the stall time.
-  void CheckStall(Clock::time_point now);
+  void Receive(std::span<const uint8_t> bytes, const sockaddr_in& peer = {}) {
+    session_.Receive(bytes, Clock::now(), peer);
+  }
+  void CheckStall(Clock::time_point now) { session_.CheckStall(now); }
   // Runs every outbox item whose time has come.
   void RunDue();
   // Poll time-out in ms until the next thing to do (capped), from the outbox and the stall.
@@ -78,14 +117,10 @@ class Link {
   // Waits for the stop signal at most ms.
   void WaitForStop(int ms);
 
-  Gateway& gateway_;
   const LinkKind kind_;
-  const uint32_t stallMs_;
   std::atomic<bool> stop_{false};
   int wakeFd_ = -1;
-  FrameParser parser_;
-  Outbox outbox_;
-  Clock::time_point lastInput_{};
+  Session session_;
 
  private:
   std::thread thread_;

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "Control.h"
+#include "Fleet.h"
 #include "ProgramDocs.h"
 #include "SimBootLoader.h"
 #include "SimGateway.h"
@@ -149,6 +150,7 @@ struct Options {
   bool pty = false;
   std::string link;
   uint32_t stallMs = 500;
+  std::optional<uint32_t> gateways, threads;
   std::string model, imageOut;
   bool log = false;
   std::optional<uint16_t> control;
@@ -176,6 +178,14 @@ void AddLinkAndStationOptions(CLI::App& app, Options& o) {
   app.add_option("--udp", o.udp, "Receive UDP on 127.0.0.1:PORT (0: a free port)")->type_name("PORT")->group("Links");
   app.add_flag("--pty", o.pty, "Serve a pseudo-terminal (a serial line for the driver)")->group("Links");
   app.add_option("--link", o.link, "Put a symbolic link to the pseudo-terminal at PATH")->type_name("PATH")->group("Links");
+  app.add_option("--gateways", o.gateways,
+                 "Serve N gateways, each on a TCP port of its own: PORT, PORT+1, ... with --tcp PORT, else free "
+                 "ports; prints NAME 127.0.0.1:PORT per gateway")
+      ->type_name("N")
+      ->group("Links");
+  app.add_option("--threads", o.threads, "Serve the gateways of --gateways with N threads (default 1)")
+      ->type_name("N")
+      ->group("Links");
   app.add_option("--stall", o.stallMs, "Give up an unfinished request frame after MS of quiet (0: never)")
       ->type_name("MS")
       ->group("Links");
@@ -236,6 +246,21 @@ void AddProgramOptions(CLI::App& app, Options& o) {
   app.add_option("--completion", o.completionShell)->group("");
 }
 
+// What does not go with --gateways: the links and files that stand for one gateway.
+std::string FleetMistake(const Options& o) {
+  if (o.threads && !o.gateways) return "--threads needs --gateways";
+  if (!o.gateways) return {};
+  if (*o.gateways == 0) return "--gateways takes 1 or more";
+  if (o.threads && *o.threads == 0) return "--threads takes 1 or more";
+  if (o.udp || o.pty || o.boot) return "--gateways serves TCP only: --udp, --pty and --boot serve one gateway";
+  if (o.control) return "--control steers one gateway; it does not go with --gateways";
+  if (!o.imageOut.empty()) return "--image-out names one file; it does not go with --gateways";
+  if (o.tcp && *o.tcp != 0 && uint32_t(*o.tcp) + *o.gateways - 1 > 65535)
+    return "--tcp " + std::to_string(*o.tcp) + " with --gateways " + std::to_string(*o.gateways) +
+           ": the ports would go beyond 65535";
+  return {};
+}
+
 // The mistakes that only the options together show; empty when there is none.
 std::string CombinationMistake(const Options& o) {
   if (!o.bootMode.empty() && o.bootMode != "chain" && o.bootMode != "lines") {
@@ -245,7 +270,7 @@ std::string CombinationMistake(const Options& o) {
   if (o.boot && o.control) return "--control steers the simulated gateway; the boot loader has no control channel";
   if ((!o.recordsOut.empty() || o.withoutSetCtx) && !o.boot) return "--records-out and --no-setctx need --boot";
   if (!o.link.empty() && !o.pty && !o.boot) return "--link needs --pty or --boot";
-  return {};
+  return FleetMistake(o);
 }
 
 // Every --refuse read; the mistake of the first that cannot be read.
@@ -314,7 +339,7 @@ std::optional<tamrik::sim::Station> LoadStation(const Options& o) {
   return station;
 }
 
-void SetFaults(tamrik::sim::Simulator& sim, const Options& o, const std::vector<RefusalOption>& refusals) {
+void SetFaults(tamrik::sim::Gateway& sim, const Options& o, const std::vector<RefusalOption>& refusals) {
   for (const RefusalOption& r : refusals) sim.RefuseService(r.code, r.refusal);
   sim.SetNoise(o.noise);
   sim.SetCorruptEvery(o.corruptEvery);
@@ -373,6 +398,50 @@ int ServeGateway(const Options& o, sigset_t* stopSignals) {
   return 0;
 }
 
+// Every gateway gets the station and faults the options describe; the listing goes out once
+// all of them serve as asked.
+int ServeFleet(const Options& o, sigset_t* stopSignals) {
+  std::optional<tamrik::sim::Station> station = LoadStation(o);
+  if (!station) return 1;
+  std::vector<RefusalOption> refusals;
+  if (const std::string mistake = ReadRefusals(o, &refusals); !mistake.empty()) return UsageMistake(mistake);
+  const uint32_t count = *o.gateways;
+  std::string error;
+  if (!tamrik::sim::RaiseDescriptorLimit(tamrik::sim::FleetDescriptors(count), &error)) {
+    Message("cannot serve " + std::to_string(count) + " gateways: " + error);
+    return 1;
+  }
+  try {
+    tamrik::sim::FleetOptions options;
+    options.count = count;
+    options.firstPort = o.tcp.value_or(0);
+    options.threads = o.threads.value_or(1);
+    options.station = std::move(*station);
+    options.stallMs = o.stallMs;
+    tamrik::sim::Fleet fleet(std::move(options));
+    std::string listing;
+    for (size_t i = 0; i < fleet.Size(); ++i) {
+      const std::string name = tamrik::sim::FleetGatewayName(i, fleet.Size());
+      SetFaults(fleet.At(i), o, refusals);
+      if (o.log) {
+        fleet.At(i).SetLogSink([name](const std::string& line) {
+          std::printf("%s %s\n", name.c_str(), line.c_str());
+          std::fflush(stdout);
+        });
+      }
+      listing += name + " " + fleet.Address() + ":" + std::to_string(fleet.TcpPort(i)) + "\n";
+    }
+    std::fputs(listing.c_str(), stdout);
+    std::fflush(stdout);
+    int sig = 0;
+    sigwait(stopSignals, &sig);
+  } catch (const std::exception& e) {
+    Message(e.what());
+    return 1;
+  }
+  return 0;
+}
+
 // What the manual page says beyond the option table.
 tamrik::progdocs::ManPage ManPage() {
   tamrik::progdocs::ManPage page;
@@ -380,6 +449,7 @@ tamrik::progdocs::ManPage ManPage() {
   page.summary = "a simulated field-bus gateway for the tamrik driver and tool";
   page.source = std::string("tamrik ") + TAMRIK_VERSION;
   page.synopsis = {"[--tcp PORT] [--udp PORT] [--pty [--link PATH]] [--model FILE] [--log] [--control PORT] [faults...]",
+                   "--gateways N [--tcp PORT] [--threads N] [--model FILE] [--log] [faults...]",
                    "--boot [chain|lines] [--no-setctx] [--link PATH] [--records-out FILE] [--log]",
                    "--version | --help"};
   page.sections = {
@@ -389,6 +459,11 @@ tamrik::progdocs::ManPage ManPage() {
        "  udp 127.0.0.1:41977\n"
        "  pty /dev/pts/4 link /tmp/gateway\n"
        "  control http://127.0.0.1:8020\n"
+       "\n"
+       "With --gateways N one line per gateway, named gw1 to gwN with the number zero-padded to the width "
+       "of N, then with --log the request lines, each after its gateway's name:\n"
+       "  gw001 127.0.0.1:5020\n"
+       "  gw002 127.0.0.1:5021\n"
        "\n"
        "With --boot one line names the loader's pseudo-terminal (boot chain /dev/pts/N, or boot lines ...); "
        "with --log one line follows per download, stage and record (download 2, stage 1: 200 bytes, "
@@ -400,13 +475,16 @@ tamrik::progdocs::ManPage ManPage() {
        "file after its last answer finds every record."},
       {"EXIT STATUS",
        "0\tstopped by SIGINT or SIGTERM; --help, --version\n"
-       "1\ta failure: a station model with a mistake, no pseudo-terminal, a link or file that cannot be made\n"
+       "1\ta failure: a station model with a mistake, no pseudo-terminal, a link or file that cannot be made, "
+       "an open-file limit too low for --gateways\n"
        "2\ta usage mistake: an unknown option, a missing or bad value, options that do not go together"},
       {"EXAMPLES",
        "  tamrik-sim --tcp 5020 --log &\n"
        "  tamrik --tcp 127.0.0.1:5020 inputs\n"
        "\n"
        "  tamrik-sim --pty --link /tmp/slow-gw --pace 9600 --delay 50\n"
+       "\n"
+       "  tamrik-sim --gateways 1000 --tcp 0 --model station.txt > fleet.txt &\n"
        "\n"
        "  tamrik-sim --boot lines --link /tmp/loader --records-out /tmp/got.hex &\n"
        "  tamrik --serial /tmp/loader firmware fw.hex\n"
@@ -456,6 +534,7 @@ static int Run(int argc, char** argv) {
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   if (options.boot) return ServeBootLoader(options, &stopSignals);
+  if (options.gateways) return ServeFleet(options, &stopSignals);
   return ServeGateway(options, &stopSignals);
 }
 

@@ -114,6 +114,8 @@ void CopyStats(const tamrik::LinkStats& in, tamrik_stats* out) {
 
 extern "C" {
 
+TAMRIK_API const char* tamrik_version(void) { return TAMRIK_VERSION_STRING; }
+
 TAMRIK_API void tamrik_config_defaults(tamrik_config* config) {
   if (config == nullptr) return;
   const tamrik::DriverConfig defaults;

@@ -28,6 +28,8 @@
 
 #include <stdint.h>
 
+#include "tamrik_version.h"
+
 #if defined(_WIN32)
 #define TAMRIK_API
 #elif defined(__GNUC__)
@@ -76,6 +78,11 @@ typedef struct tamrik_config {
   const char *demo_file;
   const char *boot_file;
 } tamrik_config;
+
+/* The release of the loaded library, "MAJOR.MINOR.PATCH" (a static text). A host built with
+ * this header may compare it with TAMRIK_VERSION_STRING: the loader has already ensured the
+ * same major release (the SONAME's number), a later minor release only adds. */
+TAMRIK_API const char *tamrik_version(void);
 
 /* Fills *config with the defaults above (struct_size included). */
 TAMRIK_API void tamrik_config_defaults(tamrik_config *config);

@@ -9,7 +9,7 @@ gateway for asyncio, ``tamrik.sim`` the simulator for tests, and the pytest plug
 fixtures ``tamrik_sim`` and ``tamrik_gateway``. See docs/python.md.
 """
 
-from ._library import LibraryNotFound, library_path
+from ._library import VERSION, LibraryNotFound, library_path
 from .errors import (
     BadArgumentError,
     BusyError,
@@ -21,7 +21,7 @@ from .errors import (
 )
 from .gateway import ErrorEntry, Gateway, Identity, Link, Module, Stats
 
-__version__ = "1.0.0"
+__version__ = VERSION
 
 __all__ = [
     "BadArgumentError",

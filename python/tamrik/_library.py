@@ -17,7 +17,10 @@ import threading
 from ._methods import METHODS
 
 PACKAGE_DIR = pathlib.Path(__file__).resolve().parent
-SONAME = "libtamrik.so.1"
+# The release of the C interface these declarations are written for; the library's SONAME
+# carries its major release, which is the one that must match.
+VERSION = "2.0.0"
+SONAME = "libtamrik.so." + VERSION.split(".")[0]
 
 
 class LibraryNotFound(ImportError):
@@ -88,6 +91,8 @@ C_TYPES = {
 
 
 def _declare(lib: ctypes.CDLL) -> None:
+    lib.tamrik_version.argtypes = []
+    lib.tamrik_version.restype = ctypes.c_char_p
     lib.tamrik_config_defaults.argtypes = [ctypes.POINTER(Config)]
     lib.tamrik_config_defaults.restype = None
     lib.tamrik_create_with.argtypes = [ctypes.POINTER(Config)]
@@ -152,7 +157,12 @@ def _load() -> ctypes.CDLL:
             raise LibraryNotFound(
                 "libtamrik.so not found; set $TAMRIK_LIBRARY to its path. Looked for: " + ", ".join(tried)
             )
+    if not hasattr(lib, "tamrik_version"):
+        raise LibraryNotFound(f"{lib._name} is of a release before 2.0.0; this package needs {SONAME}")
     _declare(lib)
+    release = lib.tamrik_version().decode()
+    if release.split(".")[0] != VERSION.split(".")[0]:
+        raise LibraryNotFound(f"{lib._name} is of release {release}; this package needs {SONAME}")
     probe = Config()
     lib.tamrik_config_defaults(ctypes.byref(probe))
     if probe.struct_size != ctypes.sizeof(Config):

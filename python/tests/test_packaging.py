@@ -70,6 +70,16 @@ def clean_env(**extra: str) -> dict:
     return env
 
 
+def test_package_and_library_are_of_one_release():
+    # The package's declarations are written for one release of the C interface: the library
+    # it loads must say the same release and answer to the SONAME the package asks for.
+    lib = _library.library()
+    assert lib.tamrik_version().decode() == tamrik.__version__
+    path = pathlib.Path(_library.library_path())
+    names = {p.name for p in path.parent.iterdir() if p.resolve() == path}
+    assert _library.SONAME in names, f"{path} is not {_library.SONAME}"
+
+
 def test_pip_installs_offline_with_the_plugin(tmp_path):
     if not os.path.exists(SYSTEM_PYTHON):
         pytest.skip("no system Python")

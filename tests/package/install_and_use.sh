@@ -10,7 +10,7 @@ trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
 
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
-for f in include/tamrik.h share/tamrik/kaVdmo.ini bin/tamrik bin/tamrik-sim; do
+for f in include/tamrik.h include/tamrik_version.h share/tamrik/kaVdmo.ini bin/tamrik bin/tamrik-sim; do
   [ -e "$prefix/$f" ] || { echo "missing after install: $f"; exit 1; }
 done
 libdir=$(dirname "$(find "$prefix" -name 'libtamrik.so' | head -n 1)")
@@ -38,7 +38,8 @@ out=$("$work/host-cmake/host" "$profile")
 
 # 2. pkg-config.
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
-[ "$(pkg-config --modversion tamrik)" = "1.0.0" ] || { echo "pkg-config does not know tamrik 1.0.0"; exit 1; }
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build_dir/CMakeCache.txt")
+[ "$(pkg-config --modversion tamrik)" = "$version" ] || { echo "pkg-config does not know tamrik $version"; exit 1; }
 # shellcheck disable=SC2046
 cc $flags -o "$work/host-pc" "$host_dir/host.c" $(pkg-config --cflags --libs tamrik) -Wl,-rpath,"$libdir"
 out=$("$work/host-pc" "$profile")

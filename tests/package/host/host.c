@@ -8,6 +8,8 @@
 
 int main(int argc, char **argv) {
   if (argc < 2) return 2;
+  /* The library loaded is of the release the header says. */
+  if (strcmp(tamrik_version(), TAMRIK_VERSION_STRING) != 0) return 6;
   tamrik_com *com = tamrik_create_in(argv[1]);
   if (com == NULL) return 3;
   char version[16] = {0};
