@@ -14,6 +14,9 @@ constexpr std::chrono::milliseconds kBackoffCap{10000};
 constexpr std::chrono::milliseconds kReportEvery{1000};
 // Room for lists, texts and images on the first try; a longer answer is asked for again.
 constexpr size_t kRoom = 256;
+// A round of polls longer than this holds a worker of the pool too long: the gateway moves
+// to a thread of its own until a round is quick again.
+constexpr std::chrono::milliseconds kSlowRound{20};
 
 // The gateway answered, only not with what was asked: the link is fine.
 bool GatewayAnswered(uint32_t code) {
@@ -21,11 +24,6 @@ bool GatewayAnswered(uint32_t code) {
          code == rc::kNoDataYet || code == rc::kBadArgument;
 }
 
-std::vector<uint8_t> ToBytes(const std::vector<int32_t>& values) {
-  std::vector<uint8_t> bytes(values.size());
-  std::transform(values.begin(), values.end(), bytes.begin(), [](int32_t v) { return uint8_t(v); });
-  return bytes;
-}
 
 tamrik_com* CreateDriver(const GatewayConfig& config) {
   tamrik_config settings;
@@ -50,6 +48,12 @@ tamrik_com* CreateDriver(const GatewayConfig& config) {
 Poller::Poller(GatewayConfig config, size_t index, StateStore& store)
     : config_(std::move(config)), index_(index), store_(store), com_(CreateDriver(config_)) {
   intervalMs_ = {config_.inputsMs, config_.outputsMs, config_.diagnosisMs, config_.errorsMs, config_.clockMs};
+  // A poll counts as late a tenth of its interval after it was due: the pool's idle workers
+  // step in one after another, every 1/200 of the interval, well before that.
+  uint32_t shortest = uint32_t(kReportEvery.count());
+  for (uint32_t ms : intervalMs_)
+    if (ms != 0) shortest = std::min(shortest, ms);
+  slack_ = std::chrono::microseconds(shortest * 1000 / 200);
 }
 
 Poller::~Poller() {
@@ -57,7 +61,11 @@ Poller::~Poller() {
   tamrik_release(com_);
 }
 
-void Poller::Start() { thread_ = std::thread([this] { Run(); }); }
+void Poller::Start(Scheduler& pool, Clock::duration phase) {
+  pool_ = &pool;
+  phase_ = phase;
+  StartLane(false);
+}
 
 void Poller::RequestStop() {
   {
@@ -69,7 +77,7 @@ void Poller::RequestStop() {
 
 void Poller::Stop() {
   RequestStop();
-  if (thread_.joinable()) thread_.join();
+  if (lane_.joinable()) lane_.join();
   std::lock_guard lock(driverMutex_);
   if (!open_) return;
   int32_t error = 0;
@@ -83,35 +91,65 @@ bool Poller::WaitUntil(Clock::time_point then) {
   return wake_.wait_until(lock, then, [this] { return stopping_; });
 }
 
-void Poller::Run() {
+Poller::Clock::time_point Poller::Serve() {
+  const Round round = PollDue(Clock::now());
+  if (round == Round::Normal) return NextDue();
+  up_ = round != Round::Down;
+  StartLane(!up_);
+  return Clock::time_point::max();
+}
+
+void Poller::StartLane(bool backOff) {
+  // The thread of its last time out of the pool ended when it handed the gateway back.
+  if (lane_.joinable()) lane_.join();
+  lane_ = std::thread([this, backOff] { Lane(backOff); });
+}
+
+void Poller::Lane(bool backOff) {
   while (true) {
-    if (!Connect()) {
+    if (backOff) {
+      // Also before the first reopening, so that a gateway that drops every connection is
+      // not hammered.
       if (WaitUntil(Clock::now() + backoff_)) return;
       backoff_ = std::min(backoff_ * 2, kBackoffCap);
-      continue;
     }
-    backoff_ = kFirstBackoff;
-    Schedule(Clock::now());
-    bool up = true;
-    while (up) {
-      const auto next = std::min(*std::min_element(due_.begin(), due_.end()), nextReport_);
-      if (WaitUntil(next)) return;
-      up = PollDue(Clock::now());
+    backOff = true;
+    if (!up_) {
+      if (!Connect()) continue;
+      up_ = true;
+      backoff_ = kFirstBackoff;
+      Schedule(Clock::now());
     }
-    // The link failed: the first reopening waits too, so that a gateway that drops every
-    // connection is not hammered.
-    if (WaitUntil(Clock::now() + backoff_)) return;
-    backoff_ = std::min(backoff_ * 2, kBackoffCap);
+    Round round = Round::Slow;
+    while (round == Round::Slow) {
+      if (WaitUntil(NextDue())) return;
+      round = PollDue(Clock::now());
+    }
+    if (round == Round::Normal) {
+      // Nothing of the gateway's is touched here after this: a worker may have it already.
+      pool_->Add(this, NextDue());
+      return;
+    }
+    up_ = false;
   }
 }
 
 void Poller::Schedule(Clock::time_point now) {
   for (size_t i = 0; i < kItems; ++i)
     due_[i] = intervalMs_[i] != 0 ? now : Clock::time_point::max();
-  nextReport_ = now + kReportEvery;
+  nextReport_ = NextSlot(now, kReportEvery);
 }
 
-bool Poller::PollDue(Clock::time_point now) {
+Poller::Clock::time_point Poller::NextDue() const {
+  return std::min(*std::min_element(due_.begin(), due_.end()), nextReport_);
+}
+
+Poller::Clock::time_point Poller::NextSlot(Clock::time_point after, Clock::duration period) const {
+  const Clock::duration since = after.time_since_epoch() - phase_;
+  return Clock::time_point(phase_ + (since / period + 1) * period);
+}
+
+Poller::Round Poller::PollDue(Clock::time_point now) {
   for (size_t i = 0; i < kItems; ++i) {
     if (due_[i] > now) continue;
     const auto period = std::chrono::milliseconds(intervalMs_[i]);
@@ -119,8 +157,8 @@ bool Poller::PollDue(Clock::time_point now) {
     const auto began = Clock::now();
     ++polls_;
     late_ += began - due_[i] > period / 10;
-    if (!Poll(Item(i))) return false;
-    due_[i] += period;
+    if (!Poll(Item(i))) return Round::Down;
+    due_[i] = NextSlot(due_[i], period);
     if (due_[i] <= began) {
       // Fell a whole period or more behind: the polls left out count as late ones, and the
       // phase stays.
@@ -132,9 +170,9 @@ bool Poller::PollDue(Clock::time_point now) {
   }
   if (now >= nextReport_) {
     ReportCounters();
-    nextReport_ = now + kReportEvery;
+    nextReport_ = NextSlot(now, kReportEvery);
   }
-  return true;
+  return Clock::now() - now > kSlowRound ? Round::Slow : Round::Normal;
 }
 
 bool Poller::Poll(Item item) {
@@ -198,29 +236,33 @@ bool Poller::Failed(uint32_t code) {
   return false;
 }
 
-uint32_t Poller::Call(const std::function<uint32_t(tamrik_com*, int32_t*)>& call) {
-  std::lock_guard lock(driverMutex_);
-  if (!open_) return downCode_ != 0 ? downCode_ : rc::kNothingOpen;
-  const auto start = Clock::now();
-  int32_t error = 0;
-  const uint32_t status = call(com_, &error);
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+uint32_t Poller::DownCode() const { return downCode_ != 0 ? downCode_ : rc::kNothingOpen; }
+
+void Poller::Count(Clock::duration duration) {
+  const double seconds = std::chrono::duration<double>(duration).count();
   size_t bucket = 0;
   while (bucket < kDurationBounds.size() && seconds > kDurationBounds[bucket]) ++bucket;
   ++buckets_[bucket];
   durationSum_ += seconds;
-  return error != 0 ? uint32_t(error) : status;
+}
+
+uint32_t Poller::ReadRoom(ValuesCall call, std::vector<int32_t>& room, int32_t* count) {
+  // The driver writes no more than it is told there is room for: the room is not cleared.
+  if (room.size() < kRoom) room.resize(kRoom);
+  *count = int32_t(room.size());
+  uint32_t code = Call([&](tamrik_com* com, int32_t* error) { return call(com, room.data(), count, error); });
+  if (code == rc::kAnswerTooLong && *count > int32_t(room.size())) {
+    room.resize(size_t(*count));
+    code = Call([&](tamrik_com* com, int32_t* error) { return call(com, room.data(), count, error); });
+  }
+  *count = code == 0 ? std::clamp<int32_t>(*count, 0, int32_t(room.size())) : 0;
+  return code;
 }
 
 uint32_t Poller::ReadValues(ValuesCall call, std::vector<int32_t>* values) {
-  values->assign(kRoom, 0);
-  int32_t count = int32_t(values->size());
-  uint32_t code = Call([&](tamrik_com* com, int32_t* error) { return call(com, values->data(), &count, error); });
-  if (code == rc::kAnswerTooLong && count > int32_t(values->size())) {
-    values->assign(size_t(count), 0);
-    code = Call([&](tamrik_com* com, int32_t* error) { return call(com, values->data(), &count, error); });
-  }
-  values->resize(code == 0 ? size_t(std::max(count, 0)) : 0);
+  int32_t count = 0;
+  const uint32_t code = ReadRoom(call, *values, &count);
+  values->resize(size_t(count));
   return code;
 }
 
@@ -228,10 +270,10 @@ bool Poller::ReadImage(Item item) {
   static constexpr ValuesCall kCalls[] = {tamrik_kaVGetProcessInData, tamrik_kaVGetProcessOutData,
                                           tamrik_kaVGetDiagData};
   static constexpr Topic kTopics[] = {Topic::Inputs, Topic::Outputs, Topic::Diagnosis};
-  std::vector<int32_t> values;
-  const uint32_t code = ReadValues(kCalls[item], &values);
+  int32_t count = 0;
+  const uint32_t code = ReadRoom(kCalls[item], image_, &count);
   if (code != 0) return Failed(code);
-  store_.SetSample(index_, kTopics[item], ToBytes(values), NowMs());
+  store_.SetSample(index_, kTopics[item], {image_.begin(), image_.begin() + count}, NowMs());
   return true;
 }
 
@@ -243,7 +285,7 @@ uint32_t Poller::WriteOutputs(const std::vector<uint8_t>& bytes) {
   if (code != 0) return code;
   // What the gateway holds now, for everyone who watches the outputs.
   std::vector<int32_t> image;
-  if (ReadValues(tamrik_kaVGetProcessOutData, &image) == 0) store_.SetSample(index_, Topic::Outputs, ToBytes(image), NowMs());
+  if (ReadValues(tamrik_kaVGetProcessOutData, &image) == 0) store_.SetSample(index_, Topic::Outputs, {image.begin(), image.end()}, NowMs());
   return 0;
 }
 

@@ -1,5 +1,6 @@
-// `tamrik serve` as one object: a poller per gateway, the state they share, the MQTT bridge
-// when a broker is configured, and the HTTP interface with the page.
+// `tamrik serve` as one object: a poller per gateway and the pool that polls them, the state
+// they share, the MQTT bridge when a broker is configured, and the HTTP interface with the
+// page.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include "Http.h"
 #include "Mqtt.h"
 #include "Poller.h"
+#include "Scheduler.h"
 #include "State.h"
 
 namespace tamrik::serve {
@@ -34,6 +36,7 @@ class Service {
  private:
   Config config_;
   StateStore store_;
+  Scheduler pool_;
   std::vector<std::unique_ptr<Poller>> pollers_;
   std::unique_ptr<MqttBridge> mqtt_;
   std::unique_ptr<HttpServer> http_;
