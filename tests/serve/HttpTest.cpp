@@ -126,7 +126,7 @@ TEST(ServeHttp, WritesReachOnlyWritableGatewaysAndTheTokenIsRequired) {
   EXPECT_EQ(serve.Stop(SIGINT), 0);
 }
 
-TEST(ServeHttp, SilentGatewayDelaysNoOtherAndReturnsAfterBackOff) {
+TEST(ServeHttp, SilentOrSlowGatewayDelaysNoOtherAndReturnsAfterBackOff) {
   sim::Simulator a, b, c;
   TempDir dir;
   dir.Write("plant.toml", "[http]\nlisten = \"127.0.0.1:0\"\n\n" + GatewayTable("a", a.StartTcp(), false, 50) +
@@ -155,6 +155,15 @@ TEST(ServeHttp, SilentGatewayDelaysNoOtherAndReturnsAfterBackOff) {
 
   b.SetSilence(false);
   EXPECT_TRUE(WaitFor([&] { return Gateway(serve.port(), "b")["online"].get<bool>(); }, 12000));
+
+  // A gateway that answers, but slowly, stays online and holds up nobody either.
+  c.SetAnswerDelay(120);
+  const uint64_t aSlow = a.GetCounters().requests, cSlow = c.GetCounters().requests;
+  std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+  EXPECT_GT(a.GetCounters().requests - aSlow, 50u);
+  EXPECT_GT(c.GetCounters().requests - cSlow, 10u);
+  EXPECT_TRUE(Gateway(serve.port(), "c")["online"].get<bool>());
+  c.SetAnswerDelay(0);
   EXPECT_EQ(serve.Stop(SIGTERM), 0);
 }
 
