@@ -465,7 +465,8 @@ std::vector<FleetVerdict> RunFleet(const FleetOptions& opt) {
   }
   std::printf("  (made%%: polls the simulator served of those due; ontime: polls the service began within\n"
               "   10 %% of their interval after they were due; cpu us: the service's CPU time per exchange,\n"
-              "   x one: against one link's back-to-back exchange; change->msg includes the wait for the\n"
+              "   x one: against one link's back-to-back exchange, measured on the quiet machine before\n"
+              "   the service starts (the median of five rounds); change->msg includes the wait for the\n"
               "   next poll, answer->msg starts at the answer that carried the change)\n");
   if (rows.empty()) return {};
   const Row& big = rows.back();
