@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "Fleet.h"
+#include "MqttLoop.h"
 #include "Process.h"
 #include "Text.h"
 #include "com.h"
@@ -123,11 +124,12 @@ class Subscriber {
     }
     if (rc != MOSQ_ERR_SUCCESS) throw std::runtime_error("subscriber cannot reach the broker");
     mosquitto_subscribe(client_, nullptr, (std::string(kPrefix) + "/+/inputs").c_str(), 1);
-    mosquitto_loop_start(client_);
+    // The service's loop: with a thousand gateways this connection's descriptor is above 1023.
+    network_ = std::make_unique<serve::MqttLoop>(client_);
   }
   ~Subscriber() {
+    network_->Stop();
     mosquitto_disconnect(client_);
-    mosquitto_loop_stop(client_, true);
     mosquitto_destroy(client_);
     mosquitto_lib_cleanup();
   }
@@ -152,6 +154,7 @@ class Subscriber {
   Changes& changes_;
   size_t offset_;
   mosquitto* client_ = nullptr;
+  std::unique_ptr<serve::MqttLoop> network_;
   std::atomic<uint64_t> messages_{0};
 };
 
@@ -356,6 +359,7 @@ struct Row {
   double cpuUs = 0, singleCpuUs = 0;
   double changeP50 = 0, changeP99 = 0, answerP50 = 0, answerP99 = 0;  // ms
   size_t changes = 0, lost = 0;
+  uint64_t messages = 0;     // inputs messages the subscriber received
 };
 
 struct Window {
@@ -418,7 +422,8 @@ Row MeasureSize(const FleetOptions& opt, size_t gateways) {
   Subscriber subscriber(brokerPort, side.changes, ref.offset);
   const std::string configPath = opt.dir + "/fleet-" + std::to_string(gateways) + ".toml";
   WriteText(configPath, ServiceConfig(*side.fleet, brokerPort));
-  Service service = StartService(opt, configPath, opt.dir + "/serve-" + std::to_string(gateways) + ".log");
+  const std::string logPath = opt.dir + "/serve-" + std::to_string(gateways) + ".log";
+  Service service = StartService(opt, configPath, logPath);
   if (!AllPolled(*side.fleet, 60000000000LL)) {
     StopChild(service.child);
     StopChild(broker);
@@ -434,10 +439,18 @@ Row MeasureSize(const FleetOptions& opt, size_t gateways) {
     // Changes of the last half second may still be on their way when the window closes.
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     Latencies(side.changes, a.ns, b.ns - 500000000, row);
+    row.messages = subscriber.Messages();
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   StopChild(service.child);
   StopChild(broker);
+  if (row.lost > 0) {
+    // What the service said is the first place to look; the folder goes at the end of the run.
+    std::ifstream log(logPath);
+    std::fprintf(stderr, "fleet %zu: %zu changes lost, %llu inputs messages received; the service said:\n%s\n",
+                 gateways, row.lost, static_cast<unsigned long long>(row.messages),
+                 std::string((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>()).substr(0, 4000).c_str());
+  }
   return row;
 }
 

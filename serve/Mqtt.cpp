@@ -33,6 +33,7 @@ MqttBridge::MqttBridge(const MqttConfig& config, StateStore& store, std::vector<
 
 MqttBridge::~MqttBridge() {
   Stop();
+  if (network_) network_->Stop();
   if (client_ != nullptr) mosquitto_destroy(client_);
 }
 
@@ -49,13 +50,12 @@ void MqttBridge::Start() {
   mosquitto_disconnect_callback_set(client_, OnDisconnect);
   mosquitto_publish_callback_set(client_, OnPublish);
   mosquitto_message_callback_set(client_, OnMessage);
-  mosquitto_reconnect_delay_set(client_, 1, 10, true);
   listener_ = store_.Subscribe([this](size_t index, Topic topic, const GatewayState& state) { OnChange(index, topic, state); });
   // A broker that is not there yet is not a reason to stop: the loop keeps trying.
   const int rc = mosquitto_connect_async(client_, config_.host.c_str(), config_.port, kKeepaliveS);
   if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_ERRNO && rc != MOSQ_ERR_EAI)
     throw std::runtime_error(std::string("mqtt: ") + mosquitto_strerror(rc));
-  if (mosquitto_loop_start(client_) != MOSQ_ERR_SUCCESS) throw std::runtime_error("mqtt: the network thread cannot start");
+  network_ = std::make_unique<MqttLoop>(client_);
   commandThread_ = std::thread([this] { RunCommands(); });
   if (config_.republishS > 0) republishThread_ = std::thread([this] { RunRepublish(); });
 }
@@ -76,8 +76,8 @@ void MqttBridge::Stop() {
     while (acknowledged_ < sent_ && connected_ && std::chrono::steady_clock::now() < end)
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+  network_->Stop();
   mosquitto_disconnect(client_);
-  mosquitto_loop_stop(client_, false);
 }
 
 void MqttBridge::OnConnect(mosquitto*, void* self, int rc) { static_cast<MqttBridge*>(self)->Connected(rc); }

@@ -20,6 +20,7 @@
 
 #include "Config.h"
 #include "Poller.h"
+#include "MqttLoop.h"
 #include "State.h"
 
 struct mosquitto;
@@ -75,6 +76,7 @@ class MqttBridge {
   std::vector<Poller*> pollers_;
   std::unique_ptr<Counts[]> counts_;
   mosquitto* client_ = nullptr;
+  std::unique_ptr<MqttLoop> network_;
   int32_t listener_ = 0;
   std::atomic<bool> connected_{false};
   std::atomic<uint64_t> connects_{0};

@@ -3,7 +3,10 @@
 // after the broker restarts, offline on SIGTERM, and two services on one broker.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <set>
 
@@ -151,6 +154,32 @@ TEST(ServeMqtt, TwoServicesWithDisjointGatewaysShareOneBroker) {
   EXPECT_EQ(all.On("plant/west/west1/status").back().payload, "online");
   EXPECT_EQ(all.On("plant/west/_service/status").back().payload, "online");
   EXPECT_EQ(two.Stop(SIGTERM), 0);
+}
+
+// A plant of a thousand gateways puts the broker connection above descriptor 1023, where a
+// loop that waits with select() fails without a word: the service here starts with 1100
+// descriptors taken, inherited from the test.
+TEST(ServeMqtt, BrokerConnectionAboveDescriptor1023) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  if (limit.rlim_max < 1300) GTEST_SKIP() << "the hard limit of open files is below 1300";
+  limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, 1300);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  Broker broker;
+  ASSERT_TRUE(broker.running());
+  Plant plant(broker, {{"press", true}});
+  Subscriber all(broker.port(), "plant/#");
+  ASSERT_TRUE(all.connected());
+  std::vector<int> taken;
+  for (int i = 0; i < 1100; ++i) taken.push_back(open("/dev/null", O_RDONLY));
+  ServeProcess serve({"--config", plant.file()});
+  for (int fd : taken) close(fd);
+  ASSERT_TRUE(serve.started());
+  EXPECT_TRUE(all.WaitOn("plant/press/status", [](const Message& m) { return Payload(m, "online"); }, 10000));
+  all.Publish("plant/press/outputs/set", R"({"id": "high", "bytes": [5]})");
+  EXPECT_EQ(Body(all.WaitOn("plant/press/outputs/result", [](const Message&) { return true; }, 5000))["ok"], true);
+  EXPECT_EQ(plant.sims[0]->OutputImage().at(0), 5);
+  EXPECT_EQ(serve.Stop(SIGTERM), 0);
 }
 
 }  // namespace
