@@ -998,6 +998,50 @@ void PrintHeader() {
   std::fflush(stdout);
 }
 
+// Every section in one run: the exchanges, image downloads, serial timing, cost per call and
+// the fleet, then the verdicts.
+int RunAll(const Options& opt, const TempDir& dir, int64_t began) {
+  WriteFile(dir.File("station.model"), kStationModel);
+  const std::string image = MakeImage(dir);
+  Servers servers;
+  std::vector<Transport> transports(3);
+  for (size_t i = 0; i < transports.size(); ++i) transports[i].name = std::array{"tcp", "udp", "pty"}[i];
+  // The paced far ends keep every CPU: started before the pinning, their wake-ups on the
+  // clock do not wait behind the other processes of the run.
+  tb::Child& paced = StartPaced(opt, dir, servers, "paced.stats");
+  tb::Child& pacedBare = StartPaced(opt, dir, servers, "paced-bare.stats");
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  std::printf("processes %s\n", opt.spread ? "placed by the scheduler (--spread)" : PinToOneCpu(&allowed).c_str());
+  for (Transport& tr : transports) StartEnds(opt, dir, servers, tr);
+  const tamrik::DriverConfig config = DriverSettings({{kComSim, PtyFrom(transports[2].simEnd.line)},
+                          {kComProgram, PtyFrom(transports[2].programEnd.line)},
+                          {kComBare, PtyFrom(transports[2].responderEnd.line)},
+                          {kComPaced, PtyFrom(paced.line)}});
+  for (Transport& tr : transports) ConnectClients(config, tr);
+  for (Transport& tr : transports) StartPythonClients(opt, servers, tr);
+  if (!opt.profile.empty()) return Profile(opt, transports, image);
+
+  MeasureExchanges(transports, opt.quick ? 2000 : 40000, opt.quick ? 1000 : 20000, opt.quick ? 20 : 110);
+  CountAllocations(transports);
+  PrintExchanges(transports);
+
+  MeasureImages(transports, image, opt.quick ? 1 : 2);
+  PrintImages(transports);
+
+  // The serial timing is the paced line's, not the placement's: the client may use every
+  // CPU again, as its far end does.
+  if (CPU_COUNT(&allowed) > 0) sched_setaffinity(0, sizeof allowed, &allowed);
+  PrintSerial(dir, config, paced, pacedBare, opt.quick);
+  PrintCostPerCall(transports, opt.quick);
+  RunFleet(opt, dir);
+
+  PrintVerdicts(transports);
+  std::printf("\n(%.0f s; load average at end %s)\n", double(NowNs() - began) / 1e9, LoadAverage().c_str());
+  ReleaseClients(transports);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -1007,57 +1051,12 @@ int main(int argc, char** argv) {
   const int64_t began = NowNs();
   try {
     TempDir dir;
-    WriteFile(dir.File("station.model"), kStationModel);
-    const std::string image = MakeImage(dir);
-    Servers servers;
-
     PrintHeader();
-    if (!opt.fleet.empty()) {
-      RunFleet(opt, dir);
-      std::vector<Transport> none;
-      PrintVerdicts(none);
-      return 0;
-    }
-    std::vector<Transport> transports(3);
-    for (size_t i = 0; i < transports.size(); ++i) transports[i].name = std::array{"tcp", "udp", "pty"}[i];
-    // The paced far ends keep every CPU: started before the pinning, their wake-ups on the
-    // clock do not wait behind the other processes of the run.
-    tb::Child& paced = StartPaced(opt, dir, servers, "paced.stats");
-    tb::Child& pacedBare = StartPaced(opt, dir, servers, "paced-bare.stats");
-    cpu_set_t allowed;
-    CPU_ZERO(&allowed);
-    std::printf("processes %s\n", opt.spread ? "placed by the scheduler (--spread)" : PinToOneCpu(&allowed).c_str());
-    for (Transport& tr : transports) StartEnds(opt, dir, servers, tr);
-    const tamrik::DriverConfig config = DriverSettings({{kComSim, PtyFrom(transports[2].simEnd.line)},
-                            {kComProgram, PtyFrom(transports[2].programEnd.line)},
-                            {kComBare, PtyFrom(transports[2].responderEnd.line)},
-                            {kComPaced, PtyFrom(paced.line)}});
-    for (Transport& tr : transports) ConnectClients(config, tr);
-    for (Transport& tr : transports) StartPythonClients(opt, servers, tr);
-    if (!opt.profile.empty()) return Profile(opt, transports, image);
-
-    const size_t socketCount = opt.quick ? 2000 : 40000;
-    const size_t ptyCount = opt.quick ? 1000 : 20000;
-    MeasureExchanges(transports, socketCount, ptyCount, opt.quick ? 20 : 110);
-    CountAllocations(transports);
-
-    PrintExchanges(transports);
-
-    MeasureImages(transports, image, opt.quick ? 1 : 2);
-    PrintImages(transports);
-
-    // The serial timing is the paced line's, not the placement's: the client may use every
-    // CPU again, as its far end does.
-    if (CPU_COUNT(&allowed) > 0) sched_setaffinity(0, sizeof allowed, &allowed);
-    PrintSerial(dir, config, paced, pacedBare, opt.quick);
-
-    PrintCostPerCall(transports, opt.quick);
-
+    if (opt.fleet.empty()) return RunAll(opt, dir, began);
+    // The fleet section alone needs none of the other far ends.
     RunFleet(opt, dir);
-
-    PrintVerdicts(transports);
-    std::printf("\n(%.0f s; load average at end %s)\n", double(NowNs() - began) / 1e9, LoadAverage().c_str());
-    ReleaseClients(transports);
+    std::vector<Transport> none;
+    PrintVerdicts(none);
   } catch (const std::exception& e) {
     std::fflush(stdout);
     std::fprintf(stderr, "tamrik-bench: %s\n", e.what());
