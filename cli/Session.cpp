@@ -1,8 +1,5 @@
 #include "Session.h"
 
-#include <netdb.h>
-#include <sys/socket.h>
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +8,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "Address.h"
 #include "SimGateway.h"
 #include "SimStation.h"
 #include "Tool.h"
@@ -36,40 +34,18 @@ int32_t ComNumber(const std::string& text) {
 }  // namespace
 
 bool SplitHostPort(const std::string& text, std::string* address, std::string* port, std::string* error) {
-  const size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) {
-    *error = "'" + text + "' is not HOST:PORT";
+  const auto split = serve::SplitHostPort(text);
+  if (!split) {
+    *error = "'" + text + "' is not HOST:PORT with a port from 1 to 65535";
     return false;
   }
-  const std::string host = text.substr(0, colon);
-  *port = text.substr(colon + 1);
-  // The port goes to the driver as text: decimal digits only.
-  int64_t number = 0;
-  if (!AllDigits(*port)) {
-    *error = "'" + *port + "' is not a port number";
+  const auto ipv4 = serve::Ipv4Of(split->first);
+  if (!ipv4) {
+    *error = "host '" + split->first + "' has no IPv4 address";
     return false;
   }
-  if (!ParseInteger(*port, 1, 65535, &number)) {
-    *error = "port " + *port + " is out of range";
-    return false;
-  }
-  // The driver takes dotted IPv4 text only; a name is looked up here.
-  in_addr parsed{};
-  if (inet_pton(AF_INET, host.c_str(), &parsed) == 1) {
-    *address = host;
-    return true;
-  }
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) {
-    *error = "host '" + host + "' has no IPv4 address";
-    return false;
-  }
-  char buffer[INET_ADDRSTRLEN] = {};
-  inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr, buffer, sizeof buffer);
-  freeaddrinfo(found);
-  *address = buffer;
+  *address = *ipv4;
+  *port = std::to_string(split->second);
   return true;
 }
 

@@ -7,7 +7,7 @@ pkg_check_modules(CPP_HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 find_package(nlohmann_json 3 REQUIRED)
 
 add_library(tamrik_serve STATIC
-  serve/Config.cpp serve/State.cpp serve/Poller.cpp serve/PollerReads.cpp serve/Mqtt.cpp serve/MqttLoop.cpp serve/Events.cpp
+  serve/Address.cpp serve/Config.cpp serve/State.cpp serve/Poller.cpp serve/PollerReads.cpp serve/Mqtt.cpp serve/MqttLoop.cpp serve/Events.cpp
   serve/Metrics.cpp serve/Http.cpp serve/Service.cpp serve/Scheduler.cpp)
 target_include_directories(tamrik_serve PUBLIC serve)
 # The gateways are reached through the C interface only; the result codes and the text

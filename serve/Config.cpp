@@ -1,7 +1,5 @@
 #include "Config.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -10,6 +8,8 @@
 #include <sstream>
 
 #include <toml++/toml.h>
+
+#include "Address.h"
 
 namespace tamrik::serve {
 namespace {
@@ -196,24 +196,6 @@ std::string GatewayConfig::LinkText() const {
     case LinkKind::Serial: return "serial " + device + " " + std::to_string(baudrate);
   }
   return {};
-}
-
-std::optional<std::pair<std::string, uint16_t>> SplitHostPort(const std::string& text, uint16_t min) {
-  const size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0 || colon + 1 == text.size() || colon + 6 < text.size()) return std::nullopt;
-  std::string host = text.substr(0, colon);
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  const std::string port = text.substr(colon + 1);
-  if (!std::all_of(port.begin(), port.end(), [](char c) { return c >= '0' && c <= '9'; })) return std::nullopt;
-  const long number = std::strtol(port.c_str(), nullptr, 10);
-  if (number < min || number > 65535 || host.find_first_of(" /") != std::string::npos) return std::nullopt;
-  return std::make_pair(host, uint16_t(number));
-}
-
-bool IsLoopback(const std::string& address) {
-  if (address == "localhost" || address == "::1") return true;
-  in_addr parsed{};
-  return inet_pton(AF_INET, address.c_str(), &parsed) == 1 && (ntohl(parsed.s_addr) >> 24) == 127;
 }
 
 Config ParseConfig(std::string_view text, const std::string& name) {

@@ -79,9 +79,4 @@ void SetHttp(Config& config, const std::string& addressPort);
 // of the reason when file is given.
 void Validate(const Config& config, const std::string& file = {});
 
-// "host:port" with a port from min to 65535; nullopt when malformed.
-std::optional<std::pair<std::string, uint16_t>> SplitHostPort(const std::string& text, uint16_t min = 1);
-// 127.0.0.0/8, ::1 and localhost.
-bool IsLoopback(const std::string& address);
-
 }  // namespace tamrik::serve

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "Address.h"
 #include "ResultCodes.h"
 #include "tamrik.h"
 
@@ -23,7 +24,6 @@ bool GatewayAnswered(uint32_t code) {
   return (code >= rc::kRefusalBase && code < rc::kRefusalDataBase + 0x10000) || code == rc::kAnswerTooLong ||
          code == rc::kNoDataYet || code == rc::kBadArgument;
 }
-
 
 tamrik_com* CreateDriver(const GatewayConfig& config) {
   tamrik_config settings;
@@ -193,7 +193,9 @@ bool Poller::Connect() {
       status = tamrik_kaVOpenComPort(com_, 1, &error);
     } else {
       const std::string port = std::to_string(config_.port) + (config_.link == LinkKind::Udp ? ",UDP" : "");
-      status = tamrik_kaVOpenEthernet(com_, port.c_str(), config_.host.c_str(), &error);
+      // A name without an address goes to the driver as it is, which refuses it with its code.
+      const std::string address = Ipv4Of(config_.host).value_or(config_.host);
+      status = tamrik_kaVOpenEthernet(com_, port.c_str(), address.c_str(), &error);
     }
     code = error != 0 ? uint32_t(error) : status;
     open_ = code == 0;

@@ -129,7 +129,10 @@ TEST(ServeHttp, WritesReachOnlyWritableGatewaysAndTheTokenIsRequired) {
 TEST(ServeHttp, SilentOrSlowGatewayDelaysNoOtherAndReturnsAfterBackOff) {
   sim::Simulator a, b, c;
   TempDir dir;
-  dir.Write("plant.toml", "[http]\nlisten = \"127.0.0.1:0\"\n\n" + GatewayTable("a", a.StartTcp(), false, 50) +
+  // Gateway a by name: the driver opens dotted addresses only, so the service looks it up.
+  std::string tableA = GatewayTable("a", a.StartTcp(), false, 50);
+  tableA.replace(tableA.find("127.0.0.1"), 9, "localhost");
+  dir.Write("plant.toml", "[http]\nlisten = \"127.0.0.1:0\"\n\n" + tableA +
                               GatewayTable("b", b.StartTcp(), false, 50) + GatewayTable("c", c.StartTcp(), false, 50));
   ServeProcess serve({"--config", dir.File("plant.toml")});
   ASSERT_TRUE(serve.started());
