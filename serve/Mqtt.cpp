@@ -130,17 +130,12 @@ void MqttBridge::PublishRetained(size_t index) {
 }
 
 void MqttBridge::OnChange(size_t index, Topic topic, const GatewayState& state) {
-  const std::string base = config_.prefix + "/" + state.name + "/";
-  switch (topic) {
-    case Topic::Status: Publish(base + "status", state.online ? "online" : "offline", true, index); break;
-    case Topic::Inputs:
-    case Topic::Outputs:
-    case Topic::Diagnosis: Publish(base + TopicName(topic), TopicJson(state, topic).dump(), false, index); break;
-    case Topic::Modules:
-    case Topic::Identity:
-    case Topic::Errors: Publish(base + TopicName(topic), TopicJson(state, topic).dump(), true, index); break;
-    default: break;
-  }
+  // The counters and the clock change every second on every gateway and are not published.
+  if (topic == Topic::Counters || topic == Topic::Clock) return;
+  const std::string name = config_.prefix + "/" + state.name + "/" + TopicName(topic);
+  if (topic == Topic::Status) Publish(name, state.online ? "online" : "offline", true, index);
+  else Publish(name, TopicJson(state, topic).dump(), topic == Topic::Modules || topic == Topic::Identity ||
+                                                         topic == Topic::Errors, index);
 }
 
 void MqttBridge::Publish(const std::string& topic, const std::string& payload, bool retain, size_t index) {
