@@ -163,6 +163,8 @@ void InstallChildCleanup() {
   signal(SIGINT, OnSignal);
   signal(SIGTERM, OnSignal);
   signal(SIGHUP, OnSignal);
+  // A reader that stops early (bench/run | head) must not leave the far ends behind.
+  signal(SIGPIPE, OnSignal);
 }
 
 }  // namespace tamrik::bench

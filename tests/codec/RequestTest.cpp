@@ -39,6 +39,44 @@ TEST(CheckValue, KnownValuesAndLiteralFrames) {
   }
 }
 
+// The check value bit by bit, as the polynomial defines it.
+uint16_t BitwiseCrc(const uint8_t* data, size_t len, uint16_t crc) {
+  for (size_t i = 0; i < len; ++i) {
+    crc ^= data[i];
+    for (int bit = 0; bit < 8; ++bit) crc = (crc & 1) ? uint16_t((crc >> 1) ^ 0x8408) : uint16_t(crc >> 1);
+  }
+  return crc;
+}
+
+TEST(CheckValue, EveryLengthAlignmentAndStartValueAgreesWithThePolynomial) {
+  std::vector<uint8_t> bytes(8 + 300);
+  uint32_t x = 0x9E3779B9;
+  for (uint8_t& b : bytes) {
+    x = x * 1664525u + 1013904223u;
+    b = uint8_t(x >> 24);
+  }
+  for (size_t offset = 0; offset < 8; ++offset) {
+    for (size_t len = 0; len <= 300; ++len) {
+      for (uint16_t start : {uint16_t(0xFFFF), uint16_t(0), uint16_t(0x1D0F)}) {
+        ASSERT_EQ(Crc16(bytes.data() + offset, len, start), BitwiseCrc(bytes.data() + offset, len, start))
+            << "offset " << offset << ", length " << len << ", start " << start;
+      }
+    }
+  }
+  // A frame of any length verifies once its check value is written, and a flipped bit
+  // anywhere in it is seen.
+  for (size_t len : {size_t(7), size_t(8), size_t(9), size_t(15), size_t(16), size_t(17), size_t(263)}) {
+    std::vector<uint8_t> frame(bytes.begin(), bytes.begin() + std::ptrdiff_t(len));
+    ComputeCheckValue(frame.data(), frame.size());
+    ASSERT_TRUE(VerifyCheckValue(frame.data(), frame.size())) << len;
+    for (size_t at = 0; at < len; ++at) {
+      frame[at] ^= uint8_t(1u << (at % 8));
+      EXPECT_FALSE(VerifyCheckValue(frame.data(), frame.size())) << len << " at " << at;
+      frame[at] ^= uint8_t(1u << (at % 8));
+    }
+  }
+}
+
 struct RequestCase {
   const char* name;
   uint32_t code;
