@@ -278,9 +278,9 @@ class SimServer {
       // pseudo-terminal delivers it at once, which is when the line would have begun.
       if (!parser_.HasPartialFrame()) firstByteNs_ = NowNs();
       parser_.Feed({buf.data(), size_t(n)});
-      while (auto ev = parser_.Next()) {
-        if (ev->kind != tamrik::sim::FrameParser::Kind::Frame) continue;
-        if (!Answer(fd, ev->frame)) return;
+      while (parser_.Next(&event_)) {
+        if (event_.kind != tamrik::sim::FrameParser::Kind::Frame) continue;
+        if (!Answer(fd, event_.frame)) return;
         firstByteNs_ = NowNs();
       }
     }
@@ -295,12 +295,12 @@ class SimServer {
       if (n <= 0) continue;
       parser_.Reset();
       parser_.Feed({buf.data(), size_t(n)});
-      while (auto ev = parser_.Next()) {
-        if (ev->kind != tamrik::sim::FrameParser::Kind::Frame) continue;
-        const auto answer = engine_.Respond(ev->frame.code, ev->frame.data);
+      while (parser_.Next(&event_)) {
+        if (event_.kind != tamrik::sim::FrameParser::Kind::Frame) continue;
+        const auto answer = engine_.Respond(event_.frame.code, event_.frame.data);
         if (!answer) continue;
-        const std::vector<uint8_t> frame = tamrik::sim::BuildFrame(answer->code, answer->data);
-        sendto(fd, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr*>(&peer), len);
+        tamrik::sim::BuildFrame(answer->code, answer->data, &frame_);
+        sendto(fd, frame_.data(), frame_.size(), 0, reinterpret_cast<sockaddr*>(&peer), len);
       }
     }
   }
@@ -312,8 +312,8 @@ class SimServer {
     if (byteNs_ == 0) {
       const auto answer = engine_.Respond(request.code, request.data);
       if (!answer) return true;
-      const std::vector<uint8_t> frame = tamrik::sim::BuildFrame(answer->code, answer->data);
-      return WriteAll(fd, frame.data(), frame.size());
+      tamrik::sim::BuildFrame(answer->code, answer->data, &frame_);
+      return WriteAll(fd, frame_.data(), frame_.size());
     }
     // The request is in when its last stop bit has passed.
     const int64_t received = firstByteNs_ + byteNs_ * int64_t(request.raw.size());
@@ -343,6 +343,9 @@ class SimServer {
 
   tamrik::sim::ServiceEngine engine_;
   tamrik::sim::FrameParser parser_;
+  // Kept from one request to the next: a gateway answers from buffers it already has.
+  tamrik::sim::FrameParser::Event event_;
+  std::vector<uint8_t> frame_;
   const int64_t byteNs_;
   int64_t firstByteNs_ = 0;
   OwnTime own_;

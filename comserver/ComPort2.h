@@ -180,6 +180,7 @@ class CComPort {
 
   // The open download file and where the reader stands in it.
   struct LoadState {
+    std::unique_ptr<char[]> buffer;  // the image file's read buffer; outlives every file
     LoadFile file;
     uint32_t position = 0;  // byte offset of the next record
     uint32_t count = 0;     // records plus one

@@ -9,8 +9,15 @@ namespace tamrik::sim {
 namespace p = tamrik::protocol;
 
 std::vector<uint8_t> BuildFrame(uint16_t code, std::span<const uint8_t> data) {
+  std::vector<uint8_t> frame;
+  BuildFrame(code, data, &frame);
+  return frame;
+}
+
+void BuildFrame(uint16_t code, std::span<const uint8_t> data, std::vector<uint8_t>* into) {
   const size_t n = std::min(data.size(), p::kMaxData);
-  std::vector<uint8_t> frame(n + p::kFrameOverhead);
+  std::vector<uint8_t>& frame = *into;
+  frame.resize(n + p::kFrameOverhead);
   frame[0] = p::kStartByte;
   frame[1] = uint8_t(code & 0xFF);
   frame[2] = uint8_t(code >> 8);
@@ -18,7 +25,6 @@ std::vector<uint8_t> BuildFrame(uint16_t code, std::span<const uint8_t> data) {
   frame[4] = uint8_t(n >> 8);
   std::copy_n(data.begin(), n, frame.begin() + p::kHeaderSize);
   p::ComputeCheckValue(frame.data(), frame.size());
-  return frame;
 }
 
 std::optional<ParsedFrame> ParseFrame(std::span<const uint8_t> frame) {
@@ -50,24 +56,32 @@ void FrameParser::SkipToStart() {
 }
 
 std::optional<FrameParser::Event> FrameParser::Next() {
+  Event ev;
+  if (!Next(&ev)) return std::nullopt;
+  return ev;
+}
+
+bool FrameParser::Next(Event* ev) {
   SkipToStart();
   const size_t avail = buffer_.size() - pos_;
-  if (avail < p::kHeaderSize) return std::nullopt;
-  const size_t len = p::ParseHeader(&buffer_[pos_ + 1]).FrameLength();
-  if (avail < len) return std::nullopt;
+  if (avail < p::kHeaderSize) return false;
+  const p::AnswerHeader header = p::ParseHeader(&buffer_[pos_ + 1]);
+  const size_t len = header.FrameLength();
+  if (avail < len) return false;
 
-  const std::span<const uint8_t> bytes(&buffer_[pos_], len);
-  Event ev;
-  if (auto parsed = ParseFrame(bytes)) {
-    ev.frame = std::move(*parsed);
+  const uint8_t* bytes = &buffer_[pos_];
+  ev->frame.code = header.code;
+  ev->frame.raw.assign(bytes, bytes + len);
+  if (p::VerifyCheckValue(bytes, len)) {
+    ev->kind = Kind::Frame;
+    ev->frame.data.assign(bytes + p::kHeaderSize, bytes + len - 2);
     pos_ += len;
   } else {
-    ev.kind = Kind::BadCheckValue;
-    ev.frame.code = p::ParseHeader(bytes.data() + 1).code;
-    ev.frame.raw.assign(bytes.begin(), bytes.end());
+    ev->kind = Kind::BadCheckValue;
+    ev->frame.data.clear();
     ++pos_;  // resynchronise from the byte after this start byte
   }
-  return ev;
+  return true;
 }
 
 bool FrameParser::HasPartialFrame() const {

@@ -13,6 +13,8 @@ namespace tamrik::sim {
 // A complete frame: 0xAA, code, length, data, check value (low byte first everywhere).
 // Data beyond 65535 bytes cannot be carried and are cut off.
 std::vector<uint8_t> BuildFrame(uint16_t code, std::span<const uint8_t> data);
+// The same into *frame, whose room is kept from one frame to the next.
+void BuildFrame(uint16_t code, std::span<const uint8_t> data, std::vector<uint8_t>* frame);
 
 // Code and data of a frame whose check value has been verified.
 struct ParsedFrame {
@@ -42,6 +44,9 @@ class FrameParser {
   // The next complete frame or damaged frame, in stream order; nullopt when more bytes are
   // needed.
   std::optional<Event> Next();
+  // The same into *event, whose buffers are kept from one frame to the next; false when
+  // more bytes are needed.
+  bool Next(Event* event);
 
   // True while the bytes after a start byte do not yet form a whole frame.
   bool HasPartialFrame() const;

@@ -1,6 +1,7 @@
 // The image file: any binary file, taken in blocks for the image services.
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
 #include "ComPort2.h"
 #include "ResultCodes.h"
@@ -17,6 +18,8 @@ constexpr int32_t kLastBlock = -1;
 // The length travels as a 32-bit value and the host counts blocks as (length + 255) / 256
 // in signed 32-bit arithmetic; a longer image could be announced only wrongly.
 constexpr int64_t kMaxImageLength = INT32_MAX - 255;
+
+constexpr size_t kImageReadBuffer = 64 * 1024;
 
 }  // namespace
 
@@ -35,6 +38,10 @@ uint32_t CComPort::InitDownloadImage(const char* path, int32_t* length) {
     fclose(file);
     return download::kNoFile;
   }
+  // The blocks are read a few hundred bytes at a time, each between two exchanges: a
+  // large buffer makes the file's reads rare, where the default one reads every 16th block.
+  if (!load_.buffer) load_.buffer = std::make_unique<char[]>(kImageReadBuffer);
+  setvbuf(file, load_.buffer.get(), _IOFBF, kImageReadBuffer);
   load_.file.reset(file);
   if (length != nullptr) *length = int32_t(size);
   return rc::kOk;

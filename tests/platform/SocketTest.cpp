@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -96,6 +97,11 @@ TEST(Socket, RefusedConnectionIsReportedByEveryLaterCall) {
 TEST(Socket, StreamExchangeWaitsAndReportsThePeer) {
   int listener = PlainSocket(SOCK_STREAM, true);
   SocketHandle s = SocketCreate(false);
+  // Requests leave whole and at once, never held back for an acknowledgement.
+  int noDelay = 0;
+  socklen_t noDelayLength = sizeof noDelay;
+  ASSERT_EQ(::getsockopt(int(s), IPPROTO_TCP, TCP_NODELAY, &noDelay, &noDelayLength), 0);
+  EXPECT_NE(noDelay, 0);
   SocketSetNonBlocking(s);
   int32_t result = SocketConnect(s, kLoopback, LocalPort(listener));
   EXPECT_TRUE(result == 0 || result == wsa::kWouldBlock) << result;

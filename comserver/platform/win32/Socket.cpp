@@ -72,6 +72,11 @@ int32_t SocketLastError() { return LastError(); }
 SocketHandle SocketCreate(bool datagram) {
   SOCKET s = WSASocketA(AF_INET, datagram ? SOCK_DGRAM : SOCK_STREAM, 0, nullptr, 0, 0);
   if (s == INVALID_SOCKET) return kInvalidSocket;
+  // Every send is a whole request frame: no reason to hold one back (Nagle).
+  if (!datagram) {
+    const BOOL on = TRUE;
+    (void)setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+  }
   return static_cast<SocketHandle>(s);
 }
 
