@@ -337,6 +337,76 @@ TEST_F(SerialTest, ReadReturnsAsSoonAsAllBytesAreThere) {
   EXPECT_LT(MsSince(start), 250);
 }
 
+TEST_F(SerialTest, ReadAfterARequestKeepsTheBoundsOfAnyRead) {
+  // After a write the read waits for the answer in whole tenths of a second and the rest:
+  // 250 ms are 250 ms, neither 200 nor 300.
+  OpenRaw({0, 0, 250});
+  const uint8_t request[3] = {0xAA, 0x03, 0x00};
+  uint8_t buffer[16];
+  uint32_t done = 99;
+  auto Request = [&] {
+    ASSERT_TRUE(SerialWrite(device_, request, sizeof request, &done));
+    ASSERT_EQ(done, sizeof request);
+    EXPECT_EQ(MasterRead(sizeof request), std::string(request, request + sizeof request));
+  };
+  Request();
+  auto start = Clock::now();
+  ASSERT_TRUE(SerialRead(device_, buffer, 16, &done));
+  int64_t elapsed = MsSince(start);
+  EXPECT_EQ(done, 0u);
+  EXPECT_GE(elapsed, 250);
+  EXPECT_LT(elapsed, 250 + kSlack);
+
+  // An answer that begins after the last whole tenth still counts.
+  Request();
+  std::thread late([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(220));
+    MasterWrite("\xAA\x43");
+  });
+  start = Clock::now();
+  bool ok = SerialRead(device_, buffer, 2, &done);
+  elapsed = MsSince(start);
+  late.join();
+  ASSERT_TRUE(ok);
+  EXPECT_EQ(done, 2u);
+  EXPECT_GE(elapsed, 200);
+
+  // An answer in two pieces is read whole, as soon as it is there, and nothing beyond it
+  // is lost.
+  SerialSetTimeouts(device_, {0, 0, 2000});
+  Request();
+  std::thread pieces([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    MasterWrite("\xAA\x03\x40");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    MasterWrite("\x01\x02xyz");
+  });
+  start = Clock::now();
+  ok = SerialRead(device_, buffer, 5, &done);
+  elapsed = MsSince(start);
+  pieces.join();
+  ASSERT_TRUE(ok);
+  EXPECT_EQ(std::string(buffer, buffer + done), "\xAA\x03\x40\x01\x02");
+  EXPECT_GE(elapsed, 100);
+  EXPECT_LT(elapsed, 100 + kSlack);
+  ASSERT_TRUE(SerialRead(device_, buffer, 3, &done));
+  EXPECT_EQ(std::string(buffer, buffer + done), "xyz");
+
+  // A line that hangs up while the answer is awaited is an error at once, not a time-out.
+  Request();
+  std::thread hangUp([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ::close(master_);
+    master_ = -1;
+  });
+  start = Clock::now();
+  ok = SerialRead(device_, buffer, 16, &done);
+  elapsed = MsSince(start);
+  hangUp.join();
+  EXPECT_FALSE(ok);
+  EXPECT_LT(elapsed, 1000);
+}
+
 TEST_F(SerialTest, HangUpIsAnErrorNotATimeOut) {
   OpenRaw({0, 0, 3000});
   ::close(master_);

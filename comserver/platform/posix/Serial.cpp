@@ -22,6 +22,12 @@ namespace tamrik::platform {
 
 struct SerialDevice {
   int fd = -1;
+  // A second descriptor of the same terminal, without O_NONBLOCK, for the one wait an
+  // exchange makes: a read that blocks until the answer begins, bounded by VTIME. A poll
+  // followed by a read costs the exchange a few microseconds more where the reader wakes
+  // on another CPU. -1 where the device is no terminal, or the terminal refused.
+  int waitFd = -1;
+  uint8_t vtime = 0;  // VTIME as last set: the waiting read's bound in tenths of a second
   SerialTimeouts timeouts;
   // Bytes taken from the device beyond what a read asked for; the next read serves them
   // first. The driver reads an answer in three pieces (start byte, header, rest); taking
@@ -113,13 +119,63 @@ uint32_t TakeStaged(SerialDevice* device, uint8_t* buffer, uint32_t length) {
 // One read of the device for at most length bytes, with the staging area empty: a short
 // request takes whatever has arrived into the staging area and serves from there, a long
 // one goes straight into the buffer. The result is that of read(2), counted in bytes served.
-ssize_t ReadDevice(SerialDevice* device, uint8_t* buffer, uint32_t length) {
-  if (length >= sizeof device->staged) return ::read(device->fd, buffer, length);
-  const ssize_t n = ::read(device->fd, device->staged, sizeof device->staged);
+// fd is the device's own descriptor or its waiting one.
+ssize_t ReadDevice(SerialDevice* device, uint8_t* buffer, uint32_t length, int fd) {
+  if (length >= sizeof device->staged) return ::read(fd, buffer, length);
+  const ssize_t n = ::read(fd, device->staged, sizeof device->staged);
   if (n <= 0) return n;
   device->stagedBegin = 0;
   device->stagedEnd = static_cast<uint32_t>(n);
   return static_cast<ssize_t>(TakeStaged(device, buffer, length));
+}
+
+// The waiting descriptor of a terminal: a second open of the same device, so that its
+// blocking mode is its own (a dup would share O_NONBLOCK). Opened without waiting, as the
+// first one was, then made blocking; VMIN 0 keeps every read bounded by VTIME.
+int OpenWaitingDescriptor(int fd) {
+  if (::isatty(fd) != 1) return -1;
+  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  const int waitFd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  if (waitFd < 0) return -1;
+  const int flags = ::fcntl(waitFd, F_GETFL);
+  if (flags < 0 || ::fcntl(waitFd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    ::close(waitFd);
+    return -1;
+  }
+  return waitFd;
+}
+
+// VTIME for a wait that must end by deadline: whole tenths of a second that fit, at most
+// 25.5 s; 0 when not even one fits.
+uint8_t TenthsBefore(int64_t deadline) {
+  if (deadline == kNoDeadline) return 255;
+  const int64_t left = deadline - NowNs();
+  return static_cast<uint8_t>(std::clamp<int64_t>((left - 1) / (100 * kNsPerMs), 0, 255));
+}
+
+bool SetWaitTenths(SerialDevice* device, uint8_t tenths) {
+  if (device->vtime == tenths) return true;
+  termios tio{};
+  if (::tcgetattr(device->fd, &tio) != 0) return false;
+  tio.c_cc[VTIME] = tenths;
+  if (::tcsetattr(device->fd, TCSANOW, &tio) != 0) return false;
+  device->vtime = tenths;
+  return true;
+}
+
+// The wait for an answer after a request went out; the bytes it served. On a terminal one
+// blocking read takes whatever arrives first, bounded by the whole tenths of a second that
+// fit before the deadline; elsewhere, or for a shorter bound, a poll waits. Whatever the
+// wait reports, the read loop that follows judges it.
+uint32_t WaitForAnswer(SerialDevice* device, uint8_t* buffer, uint32_t length, int64_t deadline) {
+  const uint8_t tenths = device->waitFd >= 0 ? TenthsBefore(deadline) : 0;
+  if (tenths > 0 && SetWaitTenths(device, tenths)) {
+    const ssize_t n = ReadDevice(device, buffer, length, device->waitFd);
+    return n > 0 ? static_cast<uint32_t>(n) : 0;
+  }
+  short revents = 0;
+  WaitUntil(device->fd, POLLIN, deadline, &revents);
+  return 0;
 }
 
 }  // namespace
@@ -171,12 +227,13 @@ SerialDevice* SerialOpen(int32_t port, const std::string& configFile, SerialOpen
   // Any other flock failure means a file system without locks; the device is then used
   // unlocked rather than refused.
 
-  // Keeps out programs that open the device without taking the lock. Root passes it
-  // anyway, and files or sockets named in the configuration do not support it.
-  (void)::ioctl(fd, TIOCEXCL);
-
   auto* opened = new SerialDevice;
   opened->fd = fd;
+  opened->waitFd = OpenWaitingDescriptor(fd);
+  // Keeps out programs that open the device without taking the lock (after our own second
+  // open). Root passes it anyway, and files or sockets named in the configuration do not
+  // support it.
+  (void)::ioctl(fd, TIOCEXCL);
   return opened;
 }
 
@@ -198,7 +255,7 @@ bool SerialConfigure(SerialDevice* device, uint32_t baudrate, uint8_t rtsControl
   const int rts = rtsControl & 3;
   if (rts == 2) tio.c_cflag |= CRTSCTS;
   tio.c_cc[VMIN] = 0;
-  tio.c_cc[VTIME] = 0;
+  tio.c_cc[VTIME] = device->vtime;  // only the waiting descriptor blocks, and only that long
   if (::cfsetispeed(&tio, speed) != 0 || ::cfsetospeed(&tio, speed) != 0) return false;
   if (::tcsetattr(device->fd, TCSANOW, &tio) != 0) return false;
 
@@ -271,15 +328,13 @@ bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t
 
   uint32_t got = TakeStaged(device, buffer, length);
   if (got < length && device->wrote && !plan.returnAtOnce) {
-    // Whatever the wait reports, the loop below reads and judges it.
-    short revents = 0;
-    WaitUntil(device->fd, POLLIN, plan.totalDeadline, &revents);
+    got += WaitForAnswer(device, buffer + got, length - got, plan.totalDeadline);
   }
   device->wrote = false;
   int64_t lastByte = start;
   bool hungUp = false;
   while (got < length) {
-    ssize_t n = ReadDevice(device, buffer + got, length - got);
+    ssize_t n = ReadDevice(device, buffer + got, length - got, device->fd);
     if (n > 0) {
       got += static_cast<uint32_t>(n);
       lastByte = NowNs();
@@ -306,7 +361,7 @@ bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t
     int w = WaitUntil(device->fd, POLLIN, deadline, &revents);
     if (w == 0) {
       // One last look: bytes that came with the deadline still count.
-      n = ReadDevice(device, buffer + got, length - got);
+      n = ReadDevice(device, buffer + got, length - got, device->fd);
       if (n > 0) got += static_cast<uint32_t>(n);
       break;
     }
@@ -359,6 +414,7 @@ void SerialClose(SerialDevice* device) {
   if (device == nullptr) return;
   (void)::ioctl(device->fd, TIOCNXCL);
   (void)::flock(device->fd, LOCK_UN);
+  if (device->waitFd >= 0) ::close(device->waitFd);
   ::close(device->fd);
   delete device;
 }
