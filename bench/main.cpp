@@ -943,6 +943,10 @@ void PrintImages(std::vector<Transport>& transports, const Placed& placed) {
               "  (the last, which also ends the download, not counted). MiB/s: the bound (one bare round trip\n"
               "  per block, announcement and end) and whole downloads; 'all' of a download is its MiB/s over\n"
               "  the bound\n");
+  if (!placed.reference) {
+    std::printf("  each row's far end is a process of its own, which the scheduler may keep beside its client\n"
+                "  or across for the whole run: these figures are shown, not judged\n");
+  }
 
 }
 
