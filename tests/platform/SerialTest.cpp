@@ -392,6 +392,25 @@ TEST_F(SerialTest, ReadAfterARequestKeepsTheBoundsOfAnyRead) {
   ASSERT_TRUE(SerialRead(device_, buffer, 3, &done));
   EXPECT_EQ(std::string(buffer, buffer + done), "xyz");
 
+  // The interval between bytes starts with the first byte of the answer, not with the
+  // request: 300 ms of silence before it do not end a read whose interval is 100 ms.
+  SerialSetTimeouts(device_, {100, 0, 3000});
+  Request();
+  std::thread slow([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    MasterWrite("ab");
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    MasterWrite("c");
+  });
+  start = Clock::now();
+  ok = SerialRead(device_, buffer, 10, &done);
+  elapsed = MsSince(start);
+  slow.join();
+  ASSERT_TRUE(ok);
+  EXPECT_EQ(std::string(buffer, buffer + done), "abc");
+  EXPECT_GE(elapsed, 300 + 40 + 100);
+  EXPECT_LT(elapsed, 440 + kSlack);
+
   // A line that hangs up while the answer is awaited is an error at once, not a time-out.
   Request();
   std::thread hangUp([this] {

@@ -327,11 +327,16 @@ bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t
   const ReadPlan plan = PlanRead(device->timeouts, length, start);
 
   uint32_t got = TakeStaged(device, buffer, length);
+  int64_t lastByte = start;
   if (got < length && device->wrote && !plan.returnAtOnce) {
-    got += WaitForAnswer(device, buffer + got, length - got, plan.totalDeadline);
+    // The interval between bytes counts from the first that the wait brought.
+    const uint32_t waited = WaitForAnswer(device, buffer + got, length - got, plan.totalDeadline);
+    if (waited > 0) {
+      got += waited;
+      lastByte = NowNs();
+    }
   }
   device->wrote = false;
-  int64_t lastByte = start;
   bool hungUp = false;
   while (got < length) {
     ssize_t n = ReadDevice(device, buffer + got, length - got, device->fd);
