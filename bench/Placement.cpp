@@ -70,20 +70,27 @@ CpuPlacement::CpuPlacement() {
 
 std::string CpuPlacement::Apply(Placement placement, const std::vector<pid_t>& others) const {
   if (!known_) return "placed by the scheduler (no affinity)";
-  cpu_set_t cpus = allowed_;
-  int last = -1;
+  int first = -1, last = -1;
   for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (CPU_ISSET(cpu, &allowed_)) last = cpu;
+    if (!CPU_ISSET(cpu, &allowed_)) continue;
+    if (first < 0) first = cpu;
+    last = cpu;
   }
-  if (placement == Placement::OneCpu && last >= 0) {
-    CPU_ZERO(&cpus);
-    CPU_SET(last, &cpus);
+  cpu_set_t own = allowed_, far = allowed_;
+  if (placement != Placement::Spread && last >= 0) {
+    CPU_ZERO(&own);
+    CPU_SET(placement == Placement::Across ? first : last, &own);
+    CPU_ZERO(&far);
+    CPU_SET(last, &far);
   }
-  bool placed = sched_setaffinity(0, sizeof cpus, &cpus) == 0;
-  for (pid_t pid : WithDescendants(others)) placed = PlaceProcess(pid, cpus) && placed;
+  bool placed = sched_setaffinity(0, sizeof own, &own) == 0;
+  for (pid_t pid : WithDescendants(others)) placed = PlaceProcess(pid, far) && placed;
   if (!placed) return "placement refused: where the scheduler puts them";
   if (CPU_COUNT(&allowed_) == 1) return "on one CPU (the only one allowed)";
   if (placement == Placement::OneCpu) return "all on CPU " + std::to_string(last);
+  if (placement == Placement::Across) {
+    return "this one on CPU " + std::to_string(first) + ", every far end on CPU " + std::to_string(last);
+  }
   return "placed by the scheduler on " + std::to_string(CPU_COUNT(&allowed_)) + " CPUs";
 }
 

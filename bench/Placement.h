@@ -17,7 +17,9 @@
 
 namespace tamrik::bench {
 
-enum class Placement { OneCpu, Spread };
+// Across: this process on the first CPU allowed, every far end on the last, the worst case
+// of Spread made on purpose, to look at it.
+enum class Placement { OneCpu, Spread, Across };
 
 // The CPUs this process may use when the run starts, and the placements made from them.
 class CpuPlacement {
@@ -29,7 +31,9 @@ class CpuPlacement {
   // for the table's heading.
   std::string Apply(Placement placement, const std::vector<pid_t>& others) const;
 
-  static const char* Name(Placement placement) { return placement == Placement::OneCpu ? "one CPU" : "spread"; }
+  static const char* Name(Placement placement) {
+    return placement == Placement::OneCpu ? "one CPU" : placement == Placement::Spread ? "spread" : "across";
+  }
 
  private:
   cpu_set_t allowed_;

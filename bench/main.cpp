@@ -3,8 +3,8 @@
 // one run and one table. Every far end is a process of its own on this machine; all
 // traffic stays on loopback and pseudo-terminals.
 //
-//   tamrik-bench [--quick] [--one-cpu|--spread] [--only SECTIONS] [--server PATH] [--sim PATH]
-//                [--python PATH]
+//   tamrik-bench [--quick] [--one-cpu|--spread|--across] [--only SECTIONS] [--server PATH]
+//                [--sim PATH] [--python PATH]
 #include <arpa/inet.h>
 #include <sched.h>
 #include <fcntl.h>
@@ -1045,6 +1045,7 @@ bool ParseOptions(int argc, char** argv, Options* out) {
     if (arg == "--quick") opt.quick = true;
     else if (arg == "--spread") opt.placements = {tb::Placement::Spread};
     else if (arg == "--one-cpu") opt.placements = {tb::Placement::OneCpu};
+    else if (arg == "--across") opt.placements = {tb::Placement::Across};
     else if (arg == "--only" && i + 1 < argc && KnownSections(argv[i + 1])) opt.only = argv[++i];
     else if (arg == "--server" && i + 1 < argc) opt.server = argv[++i];
     else if (arg == "--sim" && i + 1 < argc) opt.sim = argv[++i];
@@ -1055,7 +1056,7 @@ bool ParseOptions(int argc, char** argv, Options* out) {
     else if (arg == "--tool" && i + 1 < argc) opt.tool = argv[++i];
     else {
       std::fprintf(stderr,
-                   "usage: tamrik-bench [--quick] [--one-cpu|--spread] [--only SECTION[,SECTION...]]\n"
+                   "usage: tamrik-bench [--quick] [--one-cpu|--spread|--across] [--only SECTION[,SECTION...]]\n"
                    "         [--server PATH] [--sim PATH] [--python PATH] [--tool PATH]\n"
                    "         SECTION: exchanges images serial cost fleet\n"
                    "       tamrik-bench --profile 'LINK SIDE' [--count N]   one side alone, for a profiler\n"

@@ -275,13 +275,14 @@ class SimServer {
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) return;
       // A UART hands over a request's first byte one byte time after it started; the
-      // pseudo-terminal delivers it at once, which is when the line would have begun.
-      if (!parser_.HasPartialFrame()) firstByteNs_ = NowNs();
+      // pseudo-terminal delivers it at once, which is when the line would have begun. Only a
+      // paced line needs the time.
+      if (byteNs_ != 0 && !parser_.HasPartialFrame()) firstByteNs_ = NowNs();
       parser_.Feed({buf.data(), size_t(n)});
       while (parser_.Next(&event_)) {
         if (event_.kind != tamrik::sim::FrameParser::Kind::Frame) continue;
         if (!Answer(fd, event_.frame)) return;
-        firstByteNs_ = NowNs();
+        if (byteNs_ != 0) firstByteNs_ = NowNs();
       }
     }
   }
