@@ -159,8 +159,10 @@ TEST(ServeHttp, SilentOrSlowGatewayDelaysNoOtherAndReturnsAfterBackOff) {
   b.SetSilence(false);
   EXPECT_TRUE(WaitFor([&] { return Gateway(serve.port(), "b")["online"].get<bool>(); }, 12000));
 
-  // A gateway that answers, but slowly, stays online and holds up nobody either.
-  c.SetAnswerDelay(120);
+  // A gateway that answers, but slowly, stays online and holds up nobody either. Slow is a
+  // poll round over 20 ms; 80 ms keep clear of the 150 ms time-out when the machine is busy
+  // (120 ms did not, with the browser test running beside it).
+  c.SetAnswerDelay(80);
   const uint64_t aSlow = a.GetCounters().requests, cSlow = c.GetCounters().requests;
   std::this_thread::sleep_for(std::chrono::milliseconds(3000));
   EXPECT_GT(a.GetCounters().requests - aSlow, 50u);
