@@ -314,6 +314,51 @@ ReadPlan PlanRead(const SerialTimeouts& t, uint32_t length, int64_t start) {
   return plan;
 }
 
+// How far a read has come: bytes served, and when the last of them arrived.
+struct ReadProgress {
+  uint32_t got = 0;
+  int64_t lastByte = 0;
+};
+
+// Reads until length bytes are there or the plan says the read is over; false when the line
+// failed (progress->got then says how much came before).
+bool ReadUntilDone(SerialDevice* device, uint8_t* buffer, uint32_t length, const ReadPlan& plan,
+                   ReadProgress* progress) {
+  uint32_t& got = progress->got;
+  bool hungUp = false;
+  while (got < length) {
+    ssize_t n = ReadDevice(device, buffer + got, length - got, device->fd);
+    if (n > 0) {
+      got += static_cast<uint32_t>(n);
+      progress->lastByte = NowNs();
+      continue;  // take whatever else is queued before looking at the clock
+    }
+    if (n < 0 && errno == EINTR) continue;
+    // In raw mode with VMIN = VTIME = 0 an empty queue reads as 0, before that as EAGAIN.
+    if (n < 0 && errno != EAGAIN) return false;  // EIO: the device is gone or the master of a pty was closed
+    // A hang-up with nothing left to read: no more bytes can come, and waiting out the
+    // time-out would only hide that the line is gone.
+    if (hungUp) return false;
+    if (plan.returnAtOnce || (plan.returnOnFirst && got > 0)) break;
+
+    int64_t deadline = plan.totalDeadline;
+    if (plan.intervalLimit && got > 0) {
+      deadline = Earlier(deadline, progress->lastByte + MsToNs(device->timeouts.readInterval));
+    }
+    short revents = 0;
+    const int w = WaitUntil(device->fd, POLLIN, deadline, &revents);
+    if (w == 0) {
+      // One last look: bytes that came with the deadline still count.
+      n = ReadDevice(device, buffer + got, length - got, device->fd);
+      if (n > 0) got += static_cast<uint32_t>(n);
+      break;
+    }
+    if (w < 0 || (revents & POLLNVAL) != 0) return false;
+    if ((revents & (POLLHUP | POLLERR)) != 0) hungUp = true;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t* done) {
@@ -325,59 +370,20 @@ bool SerialRead(SerialDevice* device, uint8_t* buffer, uint32_t length, uint32_t
 
   const int64_t start = NowNs();
   const ReadPlan plan = PlanRead(device->timeouts, length, start);
-
-  uint32_t got = TakeStaged(device, buffer, length);
-  int64_t lastByte = start;
-  if (got < length && device->wrote && !plan.returnAtOnce) {
+  ReadProgress progress{TakeStaged(device, buffer, length), start};
+  if (progress.got < length && device->wrote && !plan.returnAtOnce) {
     // The interval between bytes counts from the first that the wait brought.
-    const uint32_t waited = WaitForAnswer(device, buffer + got, length - got, plan.totalDeadline);
+    const uint32_t waited =
+        WaitForAnswer(device, buffer + progress.got, length - progress.got, plan.totalDeadline);
     if (waited > 0) {
-      got += waited;
-      lastByte = NowNs();
+      progress.got += waited;
+      progress.lastByte = NowNs();
     }
   }
   device->wrote = false;
-  bool hungUp = false;
-  while (got < length) {
-    ssize_t n = ReadDevice(device, buffer + got, length - got, device->fd);
-    if (n > 0) {
-      got += static_cast<uint32_t>(n);
-      lastByte = NowNs();
-      if (got == length) break;
-      continue;  // take whatever else is queued before looking at the clock
-    }
-    if (n < 0 && errno == EINTR) continue;
-    // In raw mode with VMIN = VTIME = 0 an empty queue reads as 0, before that as EAGAIN.
-    if (n < 0 && errno != EAGAIN) {
-      *done = got;
-      return false;  // EIO: the device is gone or the master of a pty was closed
-    }
-    if (hungUp) {
-      // A hang-up with nothing left to read: no more bytes can come, and waiting out the
-      // time-out would only hide that the line is gone.
-      *done = got;
-      return false;
-    }
-    if (plan.returnAtOnce || (plan.returnOnFirst && got > 0)) break;
-
-    int64_t deadline = plan.totalDeadline;
-    if (plan.intervalLimit && got > 0) deadline = Earlier(deadline, lastByte + MsToNs(device->timeouts.readInterval));
-    short revents = 0;
-    int w = WaitUntil(device->fd, POLLIN, deadline, &revents);
-    if (w == 0) {
-      // One last look: bytes that came with the deadline still count.
-      n = ReadDevice(device, buffer + got, length - got, device->fd);
-      if (n > 0) got += static_cast<uint32_t>(n);
-      break;
-    }
-    if (w < 0 || (revents & POLLNVAL) != 0) {
-      *done = got;
-      return false;
-    }
-    if ((revents & (POLLHUP | POLLERR)) != 0) hungUp = true;
-  }
-  *done = got;
-  return true;
+  const bool ok = ReadUntilDone(device, buffer, length, plan, &progress);
+  *done = progress.got;
+  return ok;
 }
 
 bool SerialWrite(SerialDevice* device, const uint8_t* buffer, uint32_t length, uint32_t* done) {
