@@ -12,6 +12,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -79,6 +80,28 @@ class SerialTest : public ::testing::Test {
       got.append(chunk, static_cast<size_t>(n));
     }
     return got;
+  }
+
+  // A read while the master writes each piece after its pause, in milliseconds.
+  struct TimedRead {
+    bool ok = false;
+    uint32_t done = 0;
+    int64_t elapsedMs = 0;
+  };
+  TimedRead ReadWhileMasterWrites(uint8_t* buffer, uint32_t length,
+                                  std::vector<std::pair<int, std::string>> pieces) {
+    std::thread writer([this, pieces = std::move(pieces)] {
+      for (const auto& [pauseMs, bytes] : pieces) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+        MasterWrite(bytes);
+      }
+    });
+    TimedRead r;
+    const auto start = Clock::now();
+    r.ok = SerialRead(device_, buffer, length, &r.done);
+    r.elapsedMs = MsSince(start);
+    writer.join();
+    return r;
   }
 
   std::string dir_, config_, slaveName_;
@@ -220,20 +243,13 @@ TEST_F(SerialTest, ReadEndsAtTheTotalTimeOut) {
 
   // Bytes that arrive during a total time-out are kept; a short read is no error.
   SerialSetTimeouts(device_, {0, 0, 400});
-  std::thread writer([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    MasterWrite("\xAA\x01");
-  });
-  start = Clock::now();
-  bool ok = SerialRead(device_, buffer, 5, &done);
-  elapsed = MsSince(start);
-  writer.join();
-  ASSERT_TRUE(ok);
-  ASSERT_EQ(done, 2u);
+  const TimedRead partial = ReadWhileMasterWrites(buffer, 5, {{100, "\xAA\x01"}});
+  ASSERT_TRUE(partial.ok);
+  ASSERT_EQ(partial.done, 2u);
   EXPECT_EQ(buffer[0], 0xAA);
   EXPECT_EQ(buffer[1], 0x01);
-  EXPECT_GE(elapsed, 400);  // no interval limit: it waits for the rest until the end
-  EXPECT_LT(elapsed, 400 + kSlack);
+  EXPECT_GE(partial.elapsedMs, 400);  // no interval limit: it waits for the rest until the end
+  EXPECT_LT(partial.elapsedMs, 400 + kSlack);
 
   // Zero bytes: done at once.
   start = Clock::now();
@@ -247,23 +263,14 @@ TEST_F(SerialTest, ReadEndsWhenTheLineFallsSilentAfterTheFirstByte) {
   // The interval clock starts with the first byte: 300 ms of silence before it do not
   // end a read whose interval is 100 ms.
   OpenRaw({100, 0, 3000});
-  std::thread writer([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    MasterWrite("ab");
-    std::this_thread::sleep_for(std::chrono::milliseconds(40));
-    MasterWrite("c");
-  });
   uint8_t buffer[10];
   uint32_t done = 0;
-  auto start = Clock::now();
-  bool ok = SerialRead(device_, buffer, 10, &done);
-  int64_t elapsed = MsSince(start);
-  writer.join();
-  ASSERT_TRUE(ok);
-  ASSERT_EQ(done, 3u);
+  const TimedRead late = ReadWhileMasterWrites(buffer, 10, {{300, "ab"}, {40, "c"}});
+  ASSERT_TRUE(late.ok);
+  ASSERT_EQ(late.done, 3u);
   EXPECT_EQ(std::string(buffer, buffer + 3), "abc");
-  EXPECT_GE(elapsed, 300 + 40 + 100);
-  EXPECT_LT(elapsed, 440 + kSlack);
+  EXPECT_GE(late.elapsedMs, 300 + 40 + 100);
+  EXPECT_LT(late.elapsedMs, 440 + kSlack);
 
   // An interval without any total limit ends too, and only by the interval. Should it
   // not, the watchdog completes the read after two seconds instead of letting it hang.
@@ -276,9 +283,9 @@ TEST_F(SerialTest, ReadEndsWhenTheLineFallsSilentAfterTheFirstByte) {
     }
     if (!finished) MasterWrite("1234567");
   });
-  start = Clock::now();
-  ok = SerialRead(device_, buffer, 10, &done);
-  elapsed = MsSince(start);
+  auto start = Clock::now();
+  bool ok = SerialRead(device_, buffer, 10, &done);
+  int64_t elapsed = MsSince(start);
   finished = true;
   watchdog.join();
   ASSERT_TRUE(ok);
@@ -289,23 +296,14 @@ TEST_F(SerialTest, ReadEndsWhenTheLineFallsSilentAfterTheFirstByte) {
 
 TEST_F(SerialTest, ReadReturnsAsSoonAsAllBytesAreThere) {
   OpenRaw({200, 0, 5000});
-  std::thread writer([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    MasterWrite("\xAA\x10\x20");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    MasterWrite("\x30\x40");
-  });
   uint8_t buffer[5];
   uint32_t done = 0;
-  auto start = Clock::now();
-  bool ok = SerialRead(device_, buffer, 5, &done);
-  int64_t elapsed = MsSince(start);
-  writer.join();
-  ASSERT_TRUE(ok);
-  EXPECT_EQ(done, 5u);
+  const TimedRead whole = ReadWhileMasterWrites(buffer, 5, {{100, "\xAA\x10\x20"}, {50, "\x30\x40"}});
+  ASSERT_TRUE(whole.ok);
+  EXPECT_EQ(whole.done, 5u);
   EXPECT_EQ(std::string(buffer, buffer + 5), "\xAA\x10\x20\x30\x40");
-  EXPECT_GE(elapsed, 150);
-  EXPECT_LT(elapsed, 150 + kSlack);
+  EXPECT_GE(whole.elapsedMs, 150);
+  EXPECT_LT(whole.elapsedMs, 150 + kSlack);
 
   // Bytes beyond the request stay queued for the next read.
   MasterWrite("12345678");
@@ -318,7 +316,7 @@ TEST_F(SerialTest, ReadReturnsAsSoonAsAllBytesAreThere) {
   SerialSetTimeouts(device_, {UINT32_MAX, 0, 0});
   MasterWrite("qr");
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  start = Clock::now();
+  const auto start = Clock::now();
   ASSERT_TRUE(SerialRead(device_, buffer, 5, &done));
   EXPECT_EQ(std::string(buffer, buffer + done), "qr");
   // Nothing there: still at once. Should it wait, the watchdog ends the wait.
@@ -359,36 +357,20 @@ TEST_F(SerialTest, ReadAfterARequestKeepsTheBoundsOfAnyRead) {
 
   // An answer that begins after the last whole tenth still counts.
   Request();
-  std::thread late([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(220));
-    MasterWrite("\xAA\x43");
-  });
-  start = Clock::now();
-  bool ok = SerialRead(device_, buffer, 2, &done);
-  elapsed = MsSince(start);
-  late.join();
-  ASSERT_TRUE(ok);
-  EXPECT_EQ(done, 2u);
-  EXPECT_GE(elapsed, 200);
+  const TimedRead late = ReadWhileMasterWrites(buffer, 2, {{220, "\xAA\x43"}});
+  ASSERT_TRUE(late.ok);
+  EXPECT_EQ(late.done, 2u);
+  EXPECT_GE(late.elapsedMs, 200);
 
   // An answer in two pieces is read whole, as soon as it is there, and nothing beyond it
   // is lost.
   SerialSetTimeouts(device_, {0, 0, 2000});
   Request();
-  std::thread pieces([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    MasterWrite("\xAA\x03\x40");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    MasterWrite("\x01\x02xyz");
-  });
-  start = Clock::now();
-  ok = SerialRead(device_, buffer, 5, &done);
-  elapsed = MsSince(start);
-  pieces.join();
-  ASSERT_TRUE(ok);
-  EXPECT_EQ(std::string(buffer, buffer + done), "\xAA\x03\x40\x01\x02");
-  EXPECT_GE(elapsed, 100);
-  EXPECT_LT(elapsed, 100 + kSlack);
+  const TimedRead pieces = ReadWhileMasterWrites(buffer, 5, {{50, "\xAA\x03\x40"}, {50, "\x01\x02xyz"}});
+  ASSERT_TRUE(pieces.ok);
+  EXPECT_EQ(std::string(buffer, buffer + pieces.done), "\xAA\x03\x40\x01\x02");
+  EXPECT_GE(pieces.elapsedMs, 100);
+  EXPECT_LT(pieces.elapsedMs, 100 + kSlack);
   ASSERT_TRUE(SerialRead(device_, buffer, 3, &done));
   EXPECT_EQ(std::string(buffer, buffer + done), "xyz");
 
@@ -396,20 +378,11 @@ TEST_F(SerialTest, ReadAfterARequestKeepsTheBoundsOfAnyRead) {
   // request: 300 ms of silence before it do not end a read whose interval is 100 ms.
   SerialSetTimeouts(device_, {100, 0, 3000});
   Request();
-  std::thread slow([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    MasterWrite("ab");
-    std::this_thread::sleep_for(std::chrono::milliseconds(40));
-    MasterWrite("c");
-  });
-  start = Clock::now();
-  ok = SerialRead(device_, buffer, 10, &done);
-  elapsed = MsSince(start);
-  slow.join();
-  ASSERT_TRUE(ok);
-  EXPECT_EQ(std::string(buffer, buffer + done), "abc");
-  EXPECT_GE(elapsed, 300 + 40 + 100);
-  EXPECT_LT(elapsed, 440 + kSlack);
+  const TimedRead slow = ReadWhileMasterWrites(buffer, 10, {{300, "ab"}, {40, "c"}});
+  ASSERT_TRUE(slow.ok);
+  EXPECT_EQ(std::string(buffer, buffer + slow.done), "abc");
+  EXPECT_GE(slow.elapsedMs, 300 + 40 + 100);
+  EXPECT_LT(slow.elapsedMs, 440 + kSlack);
 
   // A line that hangs up while the answer is awaited is an error at once, not a time-out.
   Request();
@@ -419,7 +392,7 @@ TEST_F(SerialTest, ReadAfterARequestKeepsTheBoundsOfAnyRead) {
     master_ = -1;
   });
   start = Clock::now();
-  ok = SerialRead(device_, buffer, 16, &done);
+  const bool ok = SerialRead(device_, buffer, 16, &done);
   elapsed = MsSince(start);
   hangUp.join();
   EXPECT_FALSE(ok);
